@@ -1,0 +1,47 @@
+# corvidine: the two commands are `make run` and `make test`.
+JOBS ?= $(shell nproc)
+BUILD ?= build
+ASAN_BUILD ?= build-asan
+BENCH_BUILD ?= build-bench
+PYTHON ?= /usr/bin/python3
+
+.PHONY: all deps build build-asan run test test-unit test-wire bench clean check-core-isolation
+
+all: build
+
+deps:
+	@tools/install-deps.sh
+
+build: deps
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVIDINE_BENCH=OFF >/dev/null
+	@cmake --build $(BUILD) -j$(JOBS)
+
+build-asan: deps
+	@cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCORVIDINE_SANITIZE=ON -DCORVIDINE_BENCH=OFF >/dev/null
+	@cmake --build $(ASAN_BUILD) -j$(JOBS)
+
+# The core and reporters must build without PHP: no file of theirs may name
+# PHP's headers.
+check-core-isolation:
+	@if grep -rnE '#\s*include\s*[<"](php|zend|main/|Zend/|TSRM)' core reporters; then \
+	  echo "core/reporters must not include PHP headers" >&2; exit 1; fi
+
+run: build
+	@tools/demo/run.sh $(BUILD)
+
+test-unit: build-asan check-core-isolation
+	@cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --output-on-failure -j$(JOBS)
+
+test-wire: build
+	@PYTHON=$(PYTHON) tests/wire/run.sh $(BUILD)
+
+test: test-unit test-wire
+
+bench: deps
+	@cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DCORVIDINE_TESTS=OFF >/dev/null
+	@cmake --build $(BENCH_BUILD) -j$(JOBS)
+	@$(BENCH_BUILD)/core_bench --benchmark_min_time=0.2
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD)

@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the demo need, when
+# they are missing. Safe to run again: installed packages are left alone.
+set -euo pipefail
+
+packages=(
+  build-essential cmake pkg-config git
+  libssl-dev openssl zlib1g-dev libpcre2-dev uthash-dev
+  libthrift-dev thrift-compiler
+  libgtest-dev libgmock-dev libbenchmark-dev valgrind
+  php8.2-dev php8.2-cli php8.2-fpm php8.2-opcache
+  python3 python3-bson
+  nginx-light curl netcat-openbsd wrk
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "install-deps: missing packages: ${missing[*]} (run as root to install them)" >&2
+  exit 1
+fi
+echo "install-deps: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
