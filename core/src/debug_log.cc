@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 
 int vesk_maximum_log_level = VESK_DEBUG_INFO;
