@@ -1,0 +1,70 @@
+#!/usr/bin/python3
+"""Shows the events of BSON trace files readably: grouped by trace, in causal
+order (each event under the one its Edge points at), with timings.
+
+Usage: trace_view.py FILE_OR_DIR...   (reads concatenated BSON documents)
+"""
+import os
+import sys
+
+import bson
+from bson.codec_options import CodecOptions
+from bson.son import SON
+
+HIDDEN = {"_V", "X-Trace", "Edge", "TID", "Timestamp_u", "Hostname"}
+
+
+def load(paths):
+    docs = []
+    for path in paths:
+        files = [os.path.join(path, f) for f in sorted(os.listdir(path))] if os.path.isdir(path) else [path]
+        for name in files:
+            with open(name, "rb") as fh:
+                data = fh.read()
+            if data:
+                docs.extend(bson.decode_all(data, CodecOptions(document_class=SON)))
+    return docs
+
+
+def short(value, limit=70):
+    text = repr(value) if not isinstance(value, str) else value
+    return text if len(text) <= limit else text[:limit - 3] + "..."
+
+
+def show(docs, out=sys.stdout):
+    traces = {}
+    for d in docs:
+        xt = d.get("X-Trace", "")
+        traces.setdefault(xt[2:42], []).append(d)
+    for task, events in traces.items():
+        by_op = {e["X-Trace"][42:58]: e for e in events}
+        children = {}
+        roots = []
+        for e in events:
+            edges = [v for k, v in e.items() if k == "Edge"]
+            parent = next((p for p in edges if p in by_op), None)
+            (children.setdefault(parent, []) if parent else roots).append(e)
+        start = min(e.get("Timestamp_u", 0) for e in events)
+        sampled = events[0]["X-Trace"][-2:] == "01"
+        out.write("trace %s  (%d events%s)\n" % (task, len(events), ", sampled" if sampled else ""))
+
+        def walk(e, depth):
+            label = e.get("Label", e.get("Layer", "?"))
+            layer = e.get("Layer", "")
+            t = (e.get("Timestamp_u", start) - start) / 1000.0
+            out.write("  %s+%8.3f ms  %-6s %-14s op %s\n" % ("  " * depth, t, label, layer, e["X-Trace"][42:58]))
+            for k, v in e.items():
+                if k not in HIDDEN and k not in ("Label", "Layer"):
+                    out.write("  %s               %s = %s\n" % ("  " * depth, k, short(v)))
+            for c in sorted(children.get(e["X-Trace"][42:58], []), key=lambda x: x.get("Timestamp_u", 0)):
+                walk(c, depth + 1)
+
+        for r in sorted(roots, key=lambda x: x.get("Timestamp_u", 0)):
+            walk(r, 0)
+        out.write("\n")
+
+
+if __name__ == "__main__":
+    if len(sys.argv) < 2:
+        sys.exit(__doc__)
+    show(load(sys.argv[1:]))
