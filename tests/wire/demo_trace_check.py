@@ -1,0 +1,31 @@
+#!/usr/bin/python3
+"""The demo's trace, written by the file reporter, decodes with python3-bson
+into four events of one task, each linked to the previous by its Edge."""
+import os
+import subprocess
+import sys
+import tempfile
+
+import bson
+from bson.codec_options import CodecOptions
+from bson.son import SON
+
+build = sys.argv[1]
+with tempfile.TemporaryDirectory() as tmp:
+    path = os.path.join(tmp, "trace.bson")
+    subprocess.run([os.path.join(build, "corvidine_demo"), path], check=True)
+    docs = bson.decode_all(open(path, "rb").read(), CodecOptions(document_class=SON))
+
+assert len(docs) == 4, docs
+tasks = {d["X-Trace"][2:42] for d in docs}
+assert len(tasks) == 1, tasks
+for prev, doc in zip(docs, docs[1:]):
+    assert doc["Edge"] == prev["X-Trace"][42:58], (prev, doc)
+for d in docs:
+    keys = list(d.keys())
+    assert keys[:2] == ["_V", "X-Trace"] and keys[-3:] == ["TID", "Timestamp_u", "Hostname"], keys
+    assert d["X-Trace"].endswith("01") and len(d["X-Trace"]) == 60
+    assert isinstance(d["Timestamp_u"], bson.int64.Int64)
+stamps = [d["Timestamp_u"] for d in docs]
+assert stamps == sorted(stamps), stamps
+print("demo trace: 4 events, one task, edges chained")
