@@ -112,9 +112,13 @@ void vesk_debug_logger(int module, int level, const char *source_name, int sourc
         char line[VESK_DEBUG_MESSAGE_SIZE];
         char module_name[24];
         snprintf(module_name, sizeof(module_name), "%s", vesk_debug_module_name(module));
+        // An overlong line loses its end: that cut is the intended limit.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-truncation"
         snprintf(line, sizeof(line), "[%s] %s [%s:%d] [Corvidine-%s-%s p#%lu.%lu]", when, message,
                  source_name ? source_name : "", source_line, module_name, vesk_debug_log_level_name(level),
                  (unsigned long)getpid(), (unsigned long)syscall(SYS_gettid));
+#pragma GCC diagnostic pop
         fprintf(stream, "%s\n", line);
     }
 
