@@ -1,0 +1,83 @@
+/*
+ * corvidine: the module record and its callbacks. Each callback hands over
+ * to the feature folder that does the work (src/config, src/lifecycle,
+ * src/hooks).
+ */
+#include "php_corvidine.h"
+
+#include "src/lifecycle/info.h"
+#include "src/lifecycle/module.h"
+#include "src/lifecycle/request.h"
+
+ZEND_DECLARE_MODULE_GLOBALS(vesk)
+
+#if defined(ZTS) && defined(COMPILE_DL_CORVIDINE)
+ZEND_TSRMLS_CACHE_DEFINE()
+#endif
+
+/* Runs once per PHP thread; allocates nothing. */
+static PHP_GINIT_FUNCTION(vesk) {
+#if defined(ZTS) && defined(COMPILE_DL_CORVIDINE)
+    ZEND_TSRMLS_CACHE_UPDATE();
+#endif
+    memset(vesk_globals, 0, sizeof(*vesk_globals));
+    vesk_globals->enable_sanitize_sql = 1;
+    vesk_globals->enable_error_callback = 1;
+    ZVAL_UNDEF(&vesk_globals->server_cache);
+    ZVAL_UNDEF(&vesk_globals->custom_kvs);
+}
+
+static PHP_MINIT_FUNCTION(vesk) {
+#if defined(ZTS) && defined(COMPILE_DL_CORVIDINE)
+    ZEND_TSRMLS_CACHE_UPDATE();
+#endif
+    return php_vesk_module_startup(type, module_number);
+}
+
+static PHP_MSHUTDOWN_FUNCTION(vesk) {
+    return php_vesk_module_shutdown(type, module_number);
+}
+
+static PHP_RINIT_FUNCTION(vesk) {
+#if defined(ZTS) && defined(COMPILE_DL_CORVIDINE)
+    ZEND_TSRMLS_CACHE_UPDATE();
+#endif
+    (void)type;
+    (void)module_number;
+    return php_vesk_request_startup();
+}
+
+static PHP_RSHUTDOWN_FUNCTION(vesk) {
+    (void)type;
+    (void)module_number;
+    return php_vesk_request_shutdown();
+}
+
+static PHP_MINFO_FUNCTION(vesk) {
+    php_vesk_info(zend_module);
+}
+
+/* The functions offered to PHP code, and the replacement functions of the
+ * wrappers, join this table with their features. */
+static const zend_function_entry vesk_functions[] = {PHP_FE_END};
+
+zend_module_entry vesk_module_entry = {
+    STANDARD_MODULE_HEADER,
+    PHP_CORVIDINE_EXTNAME,
+    vesk_functions,
+    PHP_MINIT(vesk),
+    PHP_MSHUTDOWN(vesk),
+    PHP_RINIT(vesk),
+    PHP_RSHUTDOWN(vesk),
+    PHP_MINFO(vesk),
+    PHP_CORVIDINE_VERSION,
+    PHP_MODULE_GLOBALS(vesk),
+    PHP_GINIT(vesk),
+    NULL, /* no globals destructor: the per-thread block owns nothing */
+    NULL, /* no post-deactivate */
+    STANDARD_MODULE_PROPERTIES_EX,
+};
+
+#ifdef COMPILE_DL_CORVIDINE
+ZEND_GET_MODULE(vesk)
+#endif

@@ -1,0 +1,90 @@
+/* The INI table of the extension and the small readers around it. */
+#include "php_corvidine.h"
+
+#include "SAPI.h"
+#include "ext/standard/info.h"
+
+#include "src/config/ini.h"
+
+#define VESK_PERDIR (PHP_INI_PERDIR | PHP_INI_SYSTEM)
+
+/* Every setting of every feature is declared here, so that a feature reads
+ * its entries by name and never registers its own. Order is the order
+ * phpinfo() shows. */
+// clang-format off
+PHP_INI_BEGIN()
+    PHP_INI_ENTRY("corvidine.tracing", "", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.trigger_tracing", "", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.sample_rate", "", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.service_key", "", PHP_INI_ALL, NULL)
+    PHP_INI_ENTRY("corvidine.enable_cli", "0", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.max_ready_wait_time", "0", PHP_INI_SYSTEM, NULL)
+    PHP_INI_ENTRY("corvidine.so_file", "corvidine.so", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.debug_level", "2", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.hostname_alias", "", PHP_INI_SYSTEM, NULL)
+    PHP_INI_ENTRY("corvidine.max_transactions", "50", PHP_INI_SYSTEM, NULL)
+    PHP_INI_ENTRY("corvidine.max_flush_wait_time", "5000", PHP_INI_SYSTEM, NULL)
+    PHP_INI_ENTRY("corvidine.events_flush_interval", "2", PHP_INI_SYSTEM, NULL)
+    PHP_INI_ENTRY("corvidine.events_flush_batchsize", "2000", PHP_INI_SYSTEM, NULL)
+    PHP_INI_ENTRY("corvidine.ec2_metadata_timeout", "1000", PHP_INI_SYSTEM, NULL)
+    PHP_INI_ENTRY("corvidine.transaction_prepend_domain", "0", PHP_INI_SYSTEM, NULL)
+    PHP_INI_ENTRY("corvidine.transaction_settings_file", "", PHP_INI_ALL, NULL)
+    PHP_INI_ENTRY("corvidine.enable_backtrace", "1", PHP_INI_ALL, NULL)
+    PHP_INI_ENTRY("corvidine.enable_function_args", "1", PHP_INI_ALL, NULL)
+    PHP_INI_ENTRY("corvidine.enable_sanitize_sql", "1", PHP_INI_ALL, NULL)
+    STD_PHP_INI_BOOLEAN("corvidine.enable_error_callback", "1", PHP_INI_ALL, OnUpdateBool, enable_error_callback,
+                        zend_vesk_globals, vesk_globals)
+    STD_PHP_INI_BOOLEAN("corvidine.report_suppressed_errors", "0", PHP_INI_ALL, OnUpdateBool,
+                        report_suppressed_errors, zend_vesk_globals, vesk_globals)
+    STD_PHP_INI_BOOLEAN("corvidine.use_error_reporting", "0", PHP_INI_ALL, OnUpdateBool, use_error_reporting,
+                        zend_vesk_globals, vesk_globals)
+    PHP_INI_ENTRY("corvidine.enable_wrap", "1", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable_wrap_mysqli", "1", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable_wrap_mysqli_oo", "1", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable_wrap_error_log", "1", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable_wrap_memcached", "1", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable_wrap_curl", "1", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable_wrap_pdo", "1", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable_wrap_phpredis", "1", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable_wrap_http", "1", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable_memcached_hosts", "1", PHP_INI_ALL, NULL)
+    PHP_INI_ENTRY("corvidine.use_custom_start_trace", "0", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.xtrace", "", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable_laravel_tracing", "1", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.laravel_enable_backtrace", "0", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable", "1", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.enable_profiling", "0", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.profiling_interval", "20", VESK_PERDIR, NULL)
+    PHP_INI_ENTRY("corvidine.log_trace_id", "disabled", VESK_PERDIR, NULL)
+PHP_INI_END()
+// clang-format on
+
+zend_result php_vesk_ini_register(int type, int module_number) {
+    return REGISTER_INI_ENTRIES();
+}
+
+void php_vesk_ini_unregister(int type, int module_number) {
+    UNREGISTER_INI_ENTRIES();
+}
+
+const char *php_vesk_ini_str(const char *name, size_t len) {
+    const char *value = zend_ini_string_ex(name, len, 0, NULL);
+    return value != NULL ? value : "";
+}
+
+int php_vesk_cli_off(void) {
+    return sapi_module.name != NULL && strcmp(sapi_module.name, "cli") == 0 &&
+           !VESK_INI_ON("corvidine.enable_cli");
+}
+
+int php_vesk_config_valid(void) {
+    static const char *const accepted[] = {"", "enabled", "always", "disabled", "never"};
+    const char *tracing = VESK_INI_STR("corvidine.tracing");
+    for (size_t i = 0; i < sizeof(accepted) / sizeof(accepted[0]); i++) {
+        if (strcmp(tracing, accepted[i]) == 0) {
+            return 0;
+        }
+    }
+    PHP_VESK_WARNING("corvidine.tracing ini setting must be 'enabled' or 'disabled'");
+    return -1;
+}

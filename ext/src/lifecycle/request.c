@@ -1,0 +1,146 @@
+/* Request start and end. */
+#include "php_corvidine.h"
+
+#include "corvidine/span.h"
+#include "corvidine/startup.h"
+
+#include "src/config/ini.h"
+#include "src/lifecycle/request.h"
+
+/* Shortest profiling interval, in microseconds. */
+#define PHP_VESK_MIN_PROFILING_INTERVAL_US 20000
+
+int php_vesk_request_inactive(void) {
+    return php_vesk_cli_off() || !VESK_INI_ON("corvidine.enable");
+}
+
+/* A per-directory service key whose service differs from both names known
+ * at module start makes this request's service. The key is cleaned the way
+ * module start cleans it, so that the same key always names the same
+ * service. */
+static void php_vesk_request_service_name(void) {
+    const char *key = VESK_INI_STR("corvidine.service_key");
+    if (strchr(key, ':') == NULL) {
+        return;
+    }
+    char *cleaned = estrdup(key);
+    int length = (int)strlen(cleaned);
+    vesk_validate_transform_service_name(cleaned, &length);
+
+    const char *service = strchr(cleaned, ':') + 1;
+    const char *ini_name = VESK_G(ini_service_name);
+    const char *env_name = VESK_G(env_service_name);
+    if (service[0] != '\0' && (ini_name == NULL || strcmp(service, ini_name) != 0) &&
+        (env_name == NULL || strcmp(service, env_name) != 0)) {
+        VESK_G(request_service_name) = estrdup(service);
+    }
+    efree(cleaned);
+}
+
+/* The Collector's interval wins over corvidine.profiling_interval; anything
+ * below 20 ms but 0 becomes 20 ms, and 0 turns profiling off. */
+static void php_vesk_profiling_interval(void) {
+    int interval_ms = vesk_get_profiling_interval();
+    if (interval_ms < 0) {
+        interval_ms = (int)VESK_INI_LONG("corvidine.profiling_interval");
+    }
+    int64_t interval_us = (int64_t)interval_ms * 1000;
+    if (interval_us == 0) {
+        VESK_G(profiling_enabled) = 0;
+    } else if (interval_us < PHP_VESK_MIN_PROFILING_INTERVAL_US) {
+        interval_us = PHP_VESK_MIN_PROFILING_INTERVAL_US;
+    }
+    VESK_G(profiler_interval_us) = interval_us;
+}
+
+zend_result php_vesk_request_startup(void) {
+    if (php_vesk_request_inactive()) {
+        return SUCCESS;
+    }
+    VESK_G(do_metrics) = 0;
+
+    /* PHP fills _SERVER lazily (auto_globals_jit); ask for it now. */
+    if (!zend_is_auto_global_str(ZEND_STRL("_SERVER"))) {
+        PHP_VESK_WARNING("vesk extension couldn't find _SERVER global");
+        return FAILURE;
+    }
+
+    /* Request tracing caches the server variables here
+     * (php_vesk_cache_server_globals). */
+
+    array_init(&VESK_G(custom_kvs));
+    php_vesk_request_service_name();
+
+    /* The function wrappers create their six per-request tables here when
+     * corvidine.enable_wrap is on. */
+
+    if (VESK_INI_ON("corvidine.use_custom_start_trace")) {
+        /* PHP code starts the trace itself (corvidine_start_trace). */
+        return SUCCESS;
+    }
+
+    VESK_G(trace_started) = 1;
+    VESK_G(phpredis_batch) = 0;
+    VESK_G(enable_sanitize_sql) = (int)VESK_INI_LONG("corvidine.enable_sanitize_sql");
+    VESK_G(triggered_trace) = 0;
+    VESK_G(pd_keys) = NULL;
+    VESK_G(profiling_enabled) = VESK_INI_ON("corvidine.enable_profiling");
+    if (VESK_G(profiling_enabled)) {
+        php_vesk_profiling_interval();
+    }
+
+    /* Request tracing starts the trace here:
+     * php_vesk_start_trace("PHP", NULL, &rate, &source, NULL, 0, 0).
+     * When the request is sampled and profiled, the stack sampler starts
+     * right after. */
+
+    VESK_G(transaction_name)[0] = '\0';
+    VESK_G(custom_transaction_name)[0] = '\0';
+    VESK_G(enable_laravel_tracing) = VESK_INI_ON("corvidine.enable_laravel_tracing");
+    VESK_G(laravel_state) = -1;
+    VESK_G(laravel_detect_count) = 0;
+    VESK_G(laravel_enable_backtrace) = VESK_INI_ON("corvidine.laravel_enable_backtrace");
+    VESK_G(span_start) = vesk_span_start();
+    return SUCCESS;
+}
+
+static void php_vesk_free_request_string(char **value) {
+    if (*value != NULL) {
+        efree(*value);
+        *value = NULL;
+    }
+}
+
+static void php_vesk_destroy_request_zval(zval *value) {
+    zval_ptr_dtor(value);
+    ZVAL_UNDEF(value);
+}
+
+zend_result php_vesk_request_shutdown(void) {
+    /* Taken before any test, so the span covers all of the request. */
+    int64_t stop = vesk_span_stop();
+    (void)stop;
+
+    if (php_vesk_request_inactive()) {
+        return SUCCESS;
+    }
+
+    /* Request tracing records the span here when trace_started is set and
+     * corvidine.use_custom_start_trace is off:
+     * php_vesk_record_span(VESK_G(span_start), stop). */
+    VESK_G(trace_started) = 0;
+
+    /* The profiler hands its span over here (sampled and profiled requests);
+     * open Laravel spans are closed here (laravel_state 1); then request
+     * tracing sends the exit event: php_vesk_end_trace(NULL, 0, 0). */
+
+    php_vesk_free_request_string(&VESK_G(context_override));
+    php_vesk_free_request_string(&VESK_G(pd_keys));
+
+    /* The function wrappers destroy their per-request tables here. */
+
+    php_vesk_free_request_string(&VESK_G(request_service_name));
+    php_vesk_destroy_request_zval(&VESK_G(server_cache));
+    php_vesk_destroy_request_zval(&VESK_G(custom_kvs));
+    return SUCCESS;
+}

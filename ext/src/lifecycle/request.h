@@ -1,0 +1,14 @@
+/* Request start and end: the per-request part of the module's life. */
+#ifndef PHP_VESK_LIFECYCLE_REQUEST_H
+#define PHP_VESK_LIFECYCLE_REQUEST_H
+
+#include "php.h"
+
+zend_result php_vesk_request_startup(void);
+zend_result php_vesk_request_shutdown(void);
+
+/* 1 when the request callbacks stand still: CLI with corvidine.enable_cli
+ * off, corvidine.enable off, or a module start that stopped early. */
+int php_vesk_request_inactive(void);
+
+#endif
