@@ -30,6 +30,14 @@ extern "C" {
 #define VESK_SETTINGS_NAME_SIZE 256
 #define VESK_SETTINGS_MAX_SAMPLE_RATE 1000000
 
+/* Where the parts of the block lie. */
+#define VESK_SETTINGS_HEADER_SIZE 8
+#define VESK_SETTINGS_RECORD_SIZE 584
+#define VESK_SETTINGS_LAYER_ENTRY_SIZE 296
+#define VESK_SETTINGS_RECORDS_OFFSET 8
+#define VESK_SETTINGS_LAYERS_OFFSET 72424 /* 8 + 124 * 584 */
+#define VESK_SETTINGS_LAYERS_END 109128   /* 72424 + 124 * 296; zero up to the end */
+
 /* Record types */
 #define VESK_SETTINGS_TYPE_DELETED 0
 #define VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE 2
@@ -107,7 +115,11 @@ typedef struct vesk_settings_cfg {
 /* Table base: a private heap block (init_local) or one given from outside. */
 extern char *vesk_shm_base;
 
+/* 0 (also when a block is set already), -1 when memory fails. */
 int vesk_settings_init_local(void);
+/* Uses a block from outside (VESK_SETTINGS_SIZE bytes, 8-byte aligned, header
+ * written by its owner); null detaches. An outside block may have other
+ * writers, so lookups in it compare names one by one. */
 void _vesk_settings_set_shmaddr(void *addr);
 int vesk_settings_wr_init(void);
 int vesk_settings_get_version(void);
@@ -150,6 +162,19 @@ void vesk_settings_rate_set(int rate);
 void vesk_settings_trigger_set(int trigger);
 void vesk_settings_set(int rate, int mode, int trigger);
 const char *vesk_tracing_mode_to_string(int mode);
+
+/* Internal to the sampling code. */
+
+/* Empties the table: header rewritten, records and layer entries zeroed. For
+ * a fresh start (tests); not for use while other threads decide. */
+void _vesk_settings_reset(void);
+/* The table's lock in shared mode, for readers that copy several fields of a
+ * record as one. 0, or the lock's error number. */
+int _vesk_settings_read_lock(void);
+void _vesk_settings_read_unlock(void);
+/* The local configuration's lock in shared mode. 0, or the error number. */
+int _vesk_settings_cfg_read_lock(void);
+void _vesk_settings_cfg_read_unlock(void);
 
 #ifdef __cplusplus
 }
