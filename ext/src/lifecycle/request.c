@@ -15,15 +15,15 @@ int php_vesk_request_inactive(void) {
 }
 
 /* A per-directory service key whose service differs from both names known
- * at module start makes this request's service. The key is cleaned the way
- * module start cleans it, so that the same key always names the same
+ * at module start makes this request's service. The key is cut and cleaned
+ * the way module start does it, so that the same key always names the same
  * service. */
 static void php_vesk_request_service_name(void) {
     const char *key = VESK_INI_STR("corvidine.service_key");
     if (strchr(key, ':') == NULL) {
         return;
     }
-    char *cleaned = estrdup(key);
+    char *cleaned = estrndup(key, MIN(strlen(key), PHP_VESK_SERVICE_KEY_SIZE - 1));
     int length = (int)strlen(cleaned);
     vesk_validate_transform_service_name(cleaned, &length);
 
