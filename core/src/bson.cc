@@ -105,6 +105,7 @@ vesk_bson_buffer *vesk_bson_buffer_init(vesk_bson_buffer *b) {
         return nullptr;
     }
     b->capacity = VESK_BSON_INITIAL_SIZE;
+    put_int32(b->data, 0);  // the length is written by the finish
     b->cur = b->data + 4;
     return b;
 }
