@@ -1,0 +1,77 @@
+/*
+ * Request tracing: one PHP request becomes one trace.
+ *
+ * Request start caches the server variables, reads X-Trace and
+ * X-Trace-Options, applies the transaction settings file, asks the core for
+ * a tracing decision and answers the client in response headers. Request end
+ * records the span and sends the exit event prepared at start.
+ *
+ * Threads: everything runs on the request's thread, on its own module
+ * globals, except the transaction settings cache, which is process-wide and
+ * guarded by its own lock.
+ */
+#ifndef PHP_VESK_REQUEST_TRACE_H
+#define PHP_VESK_REQUEST_TRACE_H
+
+#include <stddef.h>
+
+#include "php.h"
+
+#include "src/events/php_vesk_events.h"
+
+/* Room for a domain and its terminator (vesk_php_get_domain). */
+#define PHP_VESK_DOMAIN_SIZE 256
+/* 40 digits of task id, "-", "0" or "1", and the terminator. */
+#define PHP_VESK_LOG_TRACE_ID_SIZE 43
+
+/* Copies the server variables that tracing reads into server_cache, plus
+ * "PROTOCOL" ("https://" when "HTTPS" exists at all, else "http://"). */
+void php_vesk_cache_server_globals(void);
+
+/* A string from server_cache, or null when the key is absent or the cache
+ * was never filled. Later readers of server variables go through this. */
+const char *php_vesk_server_str(const char *key, size_t key_len);
+#define PHP_VESK_SERVER_STR(key) php_vesk_server_str((key), sizeof(key) - 1)
+
+/* Starts the trace of this request: layer such as "PHP"; xtrace an
+ * identifier given by the caller or null; the decision's rate and source go
+ * to sample_rate / sample_source (each may be null); kvs (kv_count records,
+ * closed by a record of type 0, may be null) are added to the entry event;
+ * event_flags are those of php_vesk_trace_event. Returns 0. */
+int php_vesk_start_trace(const char *layer, const char *xtrace, int *sample_rate, int *sample_source,
+                         const php_vesk_kv *kvs, int kv_count, int event_flags);
+
+/* Sends the exit event of a sampled trace (with the caller's records first),
+ * clears the context. On an unsampled request only the layer is freed. */
+void php_vesk_end_trace(const php_vesk_kv *kvs, int kv_count, int event_flags);
+
+/* Works out the transaction name (into transaction_name) and hands the span
+ * to the core. start and stop are from vesk_span_start / vesk_span_stop. */
+void php_vesk_record_span(int64_t start, int64_t stop);
+
+/* Whether this request may be traced (1) under corvidine.tracing and the
+ * transaction settings file; *mode receives the mode to hand to
+ * vesk_settings_mode_set: 1 traced, 0 not, -1 no local opinion, -2 a value
+ * corvidine.tracing does not know. */
+int php_vesk_transaction_filtering(int *mode);
+
+/* Forgets every cached transaction settings file. Module shutdown only. */
+void php_vesk_transaction_settings_destroy(void);
+
+/* The domain of the request into buffer (PHP_VESK_DOMAIN_SIZE bytes): the
+ * first non-empty of X-Forwarded-Host, Host, SERVER_NAME shorter than 254
+ * bytes, with ":port" appended when it has none and the port is not 80 or
+ * 443. 0, or -1 when there is no domain. */
+int vesk_php_get_domain(char *buffer);
+
+/* The id for log lines: the context's task id in hex, "-", then "1" when
+ * this request is sampled, else "0". A size below PHP_VESK_LOG_TRACE_ID_SIZE
+ * drops whole pieces from the end. Always NUL-terminated (size > 0). */
+void php_vesk_get_log_trace_id(char *buffer, size_t size);
+
+/* message with " [zq.traceId=<id>]" appended, as corvidine.log_trace_id asks
+ * ("enabled" always, "sampled_only" on sampled requests); null when nothing
+ * is to be appended or message is null. The caller efree()s the result. */
+char *php_vesk_log_append_trace_id(const char *message);
+
+#endif
