@@ -14,6 +14,7 @@
 #include "src/hooks/observer.h"
 #include "src/lifecycle/init_event.h"
 #include "src/lifecycle/module.h"
+#include "src/request/request_trace.h"
 
 /* Written by module start and shutdown only, on the main thread. */
 static php_vesk_module_state php_vesk_state = PHP_VESK_NOT_STARTED;
@@ -158,7 +159,8 @@ zend_result php_vesk_module_shutdown(int type, int module_number) {
     php_vesk_hooks_shutdown();
 
     /* Laravel tables are freed here; the profiler thread is told to stop and
-     * joined here; the transaction settings cache is destroyed here. */
+     * joined here. */
+    php_vesk_transaction_settings_destroy();
 
     /* The core itself shuts down through its exit handler, which flushes the
      * reporter. */

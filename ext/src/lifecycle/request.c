@@ -6,6 +6,7 @@
 
 #include "src/config/ini.h"
 #include "src/lifecycle/request.h"
+#include "src/request/request_trace.h"
 
 /* Shortest profiling interval, in microseconds. */
 #define PHP_VESK_MIN_PROFILING_INTERVAL_US 20000
@@ -65,8 +66,7 @@ zend_result php_vesk_request_startup(void) {
         return FAILURE;
     }
 
-    /* Request tracing caches the server variables here
-     * (php_vesk_cache_server_globals). */
+    php_vesk_cache_server_globals();
 
     array_init(&VESK_G(custom_kvs));
     php_vesk_request_service_name();
@@ -89,10 +89,10 @@ zend_result php_vesk_request_startup(void) {
         php_vesk_profiling_interval();
     }
 
-    /* Request tracing starts the trace here:
-     * php_vesk_start_trace("PHP", NULL, &rate, &source, NULL, 0, 0).
-     * When the request is sampled and profiled, the stack sampler starts
-     * right after. */
+    int sample_rate, sample_source;
+    php_vesk_start_trace("PHP", NULL, &sample_rate, &sample_source, NULL, 0, 0);
+    /* When the request is sampled and profiled, the stack sampler starts
+     * here. */
 
     VESK_G(transaction_name)[0] = '\0';
     VESK_G(custom_transaction_name)[0] = '\0';
@@ -119,20 +119,19 @@ static void php_vesk_destroy_request_zval(zval *value) {
 zend_result php_vesk_request_shutdown(void) {
     /* Taken before any test, so the span covers all of the request. */
     int64_t stop = vesk_span_stop();
-    (void)stop;
 
     if (php_vesk_request_inactive()) {
         return SUCCESS;
     }
 
-    /* Request tracing records the span here when trace_started is set and
-     * corvidine.use_custom_start_trace is off:
-     * php_vesk_record_span(VESK_G(span_start), stop). */
+    if (VESK_G(trace_started) && !VESK_INI_ON("corvidine.use_custom_start_trace")) {
+        php_vesk_record_span(VESK_G(span_start), stop);
+    }
     VESK_G(trace_started) = 0;
 
     /* The profiler hands its span over here (sampled and profiled requests);
-     * open Laravel spans are closed here (laravel_state 1); then request
-     * tracing sends the exit event: php_vesk_end_trace(NULL, 0, 0). */
+     * open Laravel spans are closed here (laravel_state 1). */
+    php_vesk_end_trace(NULL, 0, 0);
 
     php_vesk_free_request_string(&VESK_G(context_override));
     php_vesk_free_request_string(&VESK_G(pd_keys));
