@@ -2,11 +2,37 @@
 #include "php_corvidine.h"
 
 #include "SAPI.h"
+#include "ext/standard/html.h"
 #include "ext/standard/info.h"
 
 #include "src/config/ini.h"
 
 #define VESK_PERDIR (PHP_INI_PERDIR | PHP_INI_SYSTEM)
+
+/* phpinfo() pages get seen by more people than they should: the service key
+ * shows its service part only, never its token. */
+static ZEND_INI_DISP(php_vesk_service_key_displayer) {
+    zend_string *value =
+        (type == ZEND_INI_DISPLAY_ORIG && ini_entry->modified) ? ini_entry->orig_value : ini_entry->value;
+    int html = !sapi_module.phpinfo_as_text;
+    if (value == NULL || ZSTR_LEN(value) == 0) {
+        PUTS(html ? "<i>no value</i>" : "no value");
+        return;
+    }
+    const char *colon = strchr(ZSTR_VAL(value), ':');
+    PUTS("(token hidden)");
+    if (colon == NULL) {
+        return;
+    }
+    if (html) {
+        zend_string *escaped =
+            php_escape_html_entities((const unsigned char *)colon, strlen(colon), 0, ENT_QUOTES, NULL);
+        PHPWRITE(ZSTR_VAL(escaped), ZSTR_LEN(escaped));
+        zend_string_release(escaped);
+    } else {
+        PUTS(colon);
+    }
+}
 
 /* Every setting of every feature is declared here, so that a feature reads
  * its entries by name and never registers its own. Order is the order
@@ -16,7 +42,7 @@ PHP_INI_BEGIN()
     PHP_INI_ENTRY("corvidine.tracing", "", VESK_PERDIR, NULL)
     PHP_INI_ENTRY("corvidine.trigger_tracing", "", VESK_PERDIR, NULL)
     PHP_INI_ENTRY("corvidine.sample_rate", "", VESK_PERDIR, NULL)
-    PHP_INI_ENTRY("corvidine.service_key", "", PHP_INI_ALL, NULL)
+    PHP_INI_ENTRY_EX("corvidine.service_key", "", PHP_INI_ALL, NULL, php_vesk_service_key_displayer)
     PHP_INI_ENTRY("corvidine.enable_cli", "0", VESK_PERDIR, NULL)
     PHP_INI_ENTRY("corvidine.max_ready_wait_time", "0", PHP_INI_SYSTEM, NULL)
     PHP_INI_ENTRY("corvidine.so_file", "corvidine.so", VESK_PERDIR, NULL)

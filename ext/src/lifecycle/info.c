@@ -51,6 +51,18 @@ static void php_vesk_info_int(const char *name, int value) {
     php_info_print_table_row(2, name, text);
 }
 
+/* The key in use, without its secret token part. */
+static void php_vesk_info_service_key(const char *key) {
+    if (key == NULL || key[0] == '\0') {
+        php_info_print_table_row(2, "service key", "not set");
+        return;
+    }
+    const char *colon = strchr(key, ':');
+    char text[PHP_VESK_SERVICE_KEY_SIZE + 16];
+    snprintf(text, sizeof(text), "(token hidden)%s", colon != NULL ? colon : "");
+    php_info_print_table_row(2, "service key", text);
+}
+
 /* What the core really started with, after INI and environment. */
 static void php_vesk_info_options(void) {
     const vesk_init_options_t *options = vesk_init_options_get();
@@ -63,6 +75,7 @@ static void php_vesk_info_options(void) {
     php_vesk_info_string("reporter", (options->reporter != NULL && options->reporter[0] != '\0')
                                          ? options->reporter
                                          : VESK_DEFAULT_REPORTER);
+    php_vesk_info_service_key(options->service_key);
     php_vesk_info_string("collector", options->host);
     php_vesk_info_string("hostname alias", options->hostname_alias);
     php_vesk_info_string("trusted path", options->trusted_path);
@@ -104,7 +117,7 @@ void php_vesk_info(zend_module_entry *zend_module) {
     php_info_print_table_row(2, "service name", php_vesk_get_service_name());
     php_info_print_table_row(2, "reporter ready", php_vesk_ready_text(vesk_reporter_is_ready(NULL)));
     php_info_print_table_row(2, "trigger trace", php_vesk_mode_text(vesk_settings_cfg_get()->trigger_mode));
-    php_info_print_table_row(2, "log level", vesk_debug_log_level_name(vesk_debug_log_level_get()));
+    php_info_print_table_row(2, "debug log level", vesk_debug_log_level_name(vesk_debug_log_level_get()));
 #ifdef ZTS
     php_info_print_table_row(2, "thread safety", "enabled");
 #else

@@ -1,0 +1,72 @@
+--TEST--
+phpinfo(): the corvidine section when running, when off under the CLI, and the service key without its token
+--EXTENSIONS--
+corvidine
+--FILE--
+<?php
+require __DIR__ . '/../support/child.inc';
+
+$file = vesk_temp_path();
+$r = vesk_run(['corvidine.enable_cli' => 1, 'corvidine.service_key' => 'secret-token:Shop Front',
+               'corvidine.debug_level' => 1, 'corvidine.max_transactions' => 70],
+    vesk_file_reporter($file) + ['CORVIDINE_EVENTS_FLUSH_INTERVAL' => '9'], 'phpinfo(INFO_MODULES);');
+@unlink($file);
+// The corvidine section: from its title to the first directive after it.
+preg_match('/^corvidine\n.*?^corvidine\.xtrace => .*?$/ms', $r['out'], $m);
+echo $m[0] ?? "no section: {$r['err']}", "\n";
+echo "token shown anywhere: ", str_contains($r['out'], 'secret-token') ? 'yes' : 'no', "\n\n";
+
+$off = vesk_run(['corvidine.service_key' => 'secret-token:shop'], [])['out'];
+preg_match('/^corvidine\n.*?^Directive => Local Value => Master Value$/ms', $off, $m);
+echo $m[0] ?? "no section: $off", "\n";
+preg_match('/^corvidine\.service_key => .*$/m', $off, $m);
+echo $m[0] ?? 'no service_key row', "\n";
+?>
+--EXPECTF--
+corvidine
+
+corvidine support => enabled
+version => 3.8.3
+libvesk version => 7.0.1
+service name => shop-front
+reporter ready => yes
+trigger trace => not set
+debug log level => error
+thread safety => %s
+function hooks => observer API
+
+%wstart-up options (environment over INI)%w
+reporter => file
+service key => (token hidden):shop-front
+collector => %s.bson
+hostname alias => not set
+trusted path => not set
+log file => not set
+log level => 1
+buffer size => not set
+trace metrics => 1
+histogram precision => not set
+max transactions => 70
+max flush wait time => 5000
+events flush interval => 9
+events flush batch size => 2000
+token bucket capacity => not set
+token bucket rate => not set
+file single => 0
+ec2 metadata timeout => 1000
+
+Directive => Local Value => Master Value
+corvidine.debug_level => 1 => 1
+%A
+corvidine.service_key => (token hidden):Shop Front => (token hidden):Shop Front
+%A
+corvidine.xtrace => no value => no value
+token shown anywhere: no
+
+corvidine
+
+corvidine support => disabled (CLI)
+version => 3.8.3
+
+Directive => Local Value => Master Value
+corvidine.service_key => (token hidden):shop => (token hidden):shop
