@@ -9,6 +9,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 
 namespace {
@@ -23,6 +24,40 @@ pthread_once_t g_rand_once = PTHREAD_ONCE_INIT;
 bool g_rand_key_ok = false;
 
 void vesk_rand_destroy(void *p) { free(p); }
+
+// OpenSSL 3 pays a fixed cost per RAND_bytes call that is many times the cost
+// of the bytes themselves, so small requests are served from a per-thread
+// pool filled in one call. A fork bumps the generation: the child refills
+// instead of handing out the same bytes as its parent.
+constexpr int kPoolSize = 512;
+std::atomic<unsigned> g_fork_generation{0};
+pthread_once_t g_atfork_once = PTHREAD_ONCE_INIT;
+
+struct RandomPool {
+    unsigned char bytes[kPoolSize];
+    int used = kPoolSize;
+    unsigned generation = 0;
+};
+thread_local RandomPool t_pool;
+
+void after_fork_in_child() { g_fork_generation.fetch_add(1, std::memory_order_relaxed); }
+void register_atfork() { pthread_atfork(nullptr, nullptr, after_fork_in_child); }
+
+int pooled_random(unsigned char *out, int len) {
+    pthread_once(&g_atfork_once, register_atfork);
+    RandomPool &pool = t_pool;
+    unsigned generation = g_fork_generation.load(std::memory_order_relaxed);
+    if (pool.generation != generation || kPoolSize - pool.used < len) {
+        if (RAND_bytes(pool.bytes, kPoolSize) != 1) return 0;
+        pool.used = 0;
+        pool.generation = generation;
+    }
+    memcpy(out, pool.bytes + pool.used, static_cast<size_t>(len));
+    // Bytes handed out are not kept around.
+    memset(pool.bytes + pool.used, 0, static_cast<size_t>(len));
+    pool.used += len;
+    return 1;
+}
 
 void vesk_rand_init_key() {
     if (pthread_key_create(&g_rand_key, vesk_rand_destroy) != 0) {
@@ -49,6 +84,7 @@ extern "C" {
 
 int vesk_random_memory(void *buf, int len) {
     // RAND_bytes draws from the same DRBG that RAND_pseudo_bytes did.
+    if (len > 0 && len <= 64) return pooled_random(static_cast<unsigned char *>(buf), len);
     return RAND_bytes(static_cast<unsigned char *>(buf), len);
 }
 

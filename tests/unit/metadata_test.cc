@@ -1,6 +1,8 @@
 // Identifiers: string and binary forms, header codes, acceptance rules, context.
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -231,4 +233,28 @@ TEST(RumDigest, MatchesSha1sumOfPrefixedData) {
     EXPECT_STREQ(expected, hex);
 }
 
+}  // namespace
+
+namespace {
+// Identifiers drawn after a fork differ between parent and child.
+TEST(RandomMemory, ForkedChildDoesNotRepeatTheParentsBytes) {
+    uint8_t warm[8];
+    vesk_random_op_id(warm);  // leaves bytes in this thread's pool
+    int fds[2];
+    ASSERT_EQ(0, pipe(fds));
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        uint8_t id[8];
+        vesk_random_op_id(id);
+        _exit(write(fds[1], id, 8) == 8 ? 0 : 1);
+    }
+    uint8_t parent_id[8], child_id[8];
+    vesk_random_op_id(parent_id);
+    ASSERT_EQ(8, read(fds[0], child_id, 8));
+    waitpid(child, nullptr, 0);
+    close(fds[0]);
+    close(fds[1]);
+    EXPECT_NE(0, memcmp(parent_id, child_id, 8));
+}
 }  // namespace
