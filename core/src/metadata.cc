@@ -14,6 +14,17 @@ const char kHexDigits[] = "0123456789ABCDEF";
 // Task length code 3 stands for 20 bytes, not 16.
 const size_t kTaskLengths[4] = {4, 8, 12, 20};
 
+// Nibble of each accepted character, -1 for the rest: 0x30..0x46 pass, with
+// ':' to '@' let through at the values the arithmetic gives them.
+struct HexTable {
+    int8_t nibble[256];
+    constexpr HexTable() : nibble() {
+        for (int c = 0; c < 256; c++) nibble[c] = -1;
+        for (int c = 0x30; c <= 0x46; c++) nibble[c] = static_cast<int8_t>(c <= 0x40 ? ((c - 0x30) & 0x0F) : (c - 0x37));
+    }
+};
+constexpr HexTable kHexTable;
+
 size_t packed_length(const vesk_metadata_t *md) { return md->task_len + md->op_len + 2; }
 
 }  // namespace
@@ -90,13 +101,10 @@ int vesk_htob(const char *hex, size_t len, uint8_t *bytes) {
     assert(hex);
     assert(bytes);
     for (size_t i = 0; i + 1 < len; i += 2) {
-        uint8_t nibbles[2];
-        for (int k = 0; k < 2; k++) {
-            unsigned char c = static_cast<unsigned char>(hex[i + k]);
-            if (c < 0x30 || c > 0x46) return -1;
-            nibbles[k] = c <= 0x40 ? ((c - 0x30) & 0x0F) : (c - 0x37);
-        }
-        bytes[i / 2] = static_cast<uint8_t>(nibbles[0] << 4 | nibbles[1]);
+        int high = kHexTable.nibble[static_cast<unsigned char>(hex[i])];
+        int low = kHexTable.nibble[static_cast<unsigned char>(hex[i + 1])];
+        if ((high | low) < 0) return -1;
+        bytes[i / 2] = static_cast<uint8_t>(high << 4 | low);
     }
     return 0;
 }
