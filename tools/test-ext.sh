@@ -3,6 +3,8 @@
 #
 #   tools/test-ext.sh nts     Debian's php8.2 (phpize8.2, php-config8.2, php-fpm8.2)
 #   tools/test-ext.sh zts     the thread-safe PHP of tools/php-zts (built first if missing)
+#   tools/test-ext.sh nts|zts --build-only
+#                             only build; print the path of corvidine.so last
 #
 # The build happens in build-ext-<flavour>/ (or $CORVIDINE_EXT_BUILD): a tree of
 # symbolic links to ext/, core/ and reporters/, so phpize and make write nothing
@@ -14,10 +16,15 @@
 # any failure, after printing the diffs of the failed tests.
 set -euo pipefail
 
-usage() { echo "usage: $0 nts|zts" >&2; exit 2; }
-[ $# -eq 1 ] || usage
+usage() { echo "usage: $0 nts|zts [--build-only]" >&2; exit 2; }
+[ $# -ge 1 ] && [ $# -le 2 ] || usage
 FLAVOUR=$1
 case $FLAVOUR in nts | zts) ;; *) usage ;; esac
+BUILD_ONLY=0
+if [ $# -eq 2 ]; then
+  [ "$2" = --build-only ] || usage
+  BUILD_ONLY=1
+fi
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 BUILD=${CORVIDINE_EXT_BUILD:-$ROOT/build-ext-$FLAVOUR}
@@ -105,6 +112,10 @@ if grep -E 'warning:' make.log | grep -E "/ext/(src/|corvidine\.c)" >/dev/null; 
 fi
 SO=$SRC/ext/modules/corvidine.so
 [ -f "$SO" ] || { echo "test-ext: $SO was not built" >&2; exit 1; }
+if [ $BUILD_ONLY = 1 ]; then
+  echo "$SO"
+  exit 0
+fi
 
 # --- .phpt tests ------------------------------------------------------------------------
 log "run-tests.php ($(find tests -name '*.phpt' | wc -l) tests)"
