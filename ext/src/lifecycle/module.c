@@ -11,6 +11,7 @@
 
 #include "src/config/ini.h"
 #include "src/config/init_options.h"
+#include "src/events/php_vesk_events.h"
 #include "src/hooks/observer.h"
 #include "src/lifecycle/init_event.h"
 #include "src/lifecycle/module.h"
@@ -100,6 +101,7 @@ static void php_vesk_apply_trigger_tracing(void) {
 
 zend_result php_vesk_module_startup(int type, int module_number) {
     php_vesk_ini_register(type, module_number);
+    php_vesk_events_minit(type, module_number); /* test-only hooks, when asked for */
 
     if (php_vesk_cli_off()) {
         php_vesk_state = PHP_VESK_CLI_OFF;
