@@ -5,7 +5,9 @@ ASAN_BUILD ?= build-asan
 BENCH_BUILD ?= build-bench
 PYTHON ?= /usr/bin/python3
 
-.PHONY: all deps build build-asan run test test-unit test-wire bench clean check-core-isolation
+TSAN_BUILD ?= build-tsan
+
+.PHONY: all deps build build-asan build-tsan run test test-unit test-tsan test-wire bench clean check-core-isolation
 
 all: build
 
@@ -19,6 +21,10 @@ build: deps
 build-asan: deps
 	@cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCORVIDINE_SANITIZE=ON -DCORVIDINE_BENCH=OFF >/dev/null
 	@cmake --build $(ASAN_BUILD) -j$(JOBS)
+
+build-tsan: deps
+	@cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCORVIDINE_TSAN=ON -DCORVIDINE_BENCH=OFF >/dev/null
+	@cmake --build $(TSAN_BUILD) -j$(JOBS)
 
 # The core and reporters must build without PHP: no file of theirs may name
 # PHP's headers.
@@ -36,7 +42,15 @@ test-unit: build-asan check-core-isolation
 test-wire: build
 	@PYTHON=$(PYTHON) tests/wire/run.sh $(BUILD)
 
-test: test-unit test-wire
+# The groups that share state between threads, once more under ThreadSanitizer.
+test-tsan: build-tsan
+	@cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  ctest --output-on-failure -j$(JOBS) -R 'settings|tracing_decisions|token_bucket|metadata'
+
+# Every stage, with a summary: unit (ASan+UBSan, TSan), wire, extension
+# (NTS and ZTS PHP), integration through real servers.
+test: deps
+	@tools/run-tests.sh
 
 bench: deps
 	@cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DCORVIDINE_TESTS=OFF >/dev/null
@@ -44,4 +58,4 @@ bench: deps
 	@$(BENCH_BUILD)/core_bench --benchmark_min_time=0.2
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(TSAN_BUILD) build-logs
