@@ -19,6 +19,7 @@ import tempfile
 import time
 
 import bson
+from bson.codec_options import CodecOptions
 from bson.int64 import Int64
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -72,9 +73,13 @@ def wait_for_port(port, process, timeout=10.0):
     raise RuntimeError("nothing listens on port %d" % port)
 
 
-def decode_documents(path):
+def decode_documents(path, lenient=False):
+    """All documents of a file. lenient: strings that are not UTF-8 are
+    decoded with replacement characters instead of failing."""
     with open(path, "rb") as handle:
         data = handle.read()
+    if lenient:
+        return bson.decode_all(data, CodecOptions(unicode_decode_error_handler="replace"))
     return bson.decode_all(data)
 
 
@@ -85,24 +90,24 @@ class Traces:
         self.directory = directory
         self.prefix = os.path.join(directory, "trace")
 
-    def documents(self):
+    def documents(self, lenient=False):
         documents = []
         for path in sorted(glob.glob(self.prefix + "*")):
-            documents.extend(decode_documents(path))
+            documents.extend(decode_documents(path, lenient))
         return documents
 
-    def events(self):
-        return [d for d in self.documents() if "Label" in d and not d.get("__Init")]
+    def events(self, lenient=False):
+        return [d for d in self.documents(lenient) if "Label" in d and not d.get("__Init")]
 
     def by_task(self, task):
         return [e for e in self.events() if e["X-Trace"][2:42] == task]
 
-    def wait_trace(self, predicate, timeout=5.0):
+    def wait_trace(self, predicate, timeout=5.0, lenient=False):
         """The entry and exit event of the first trace whose entry satisfies
         predicate, waiting for the exit event to be written."""
         deadline = time.time() + timeout
         while True:
-            events = self.events()
+            events = self.events(lenient)
             for entry in events:
                 if entry.get("Label") == "entry" and predicate(entry):
                     task = entry["X-Trace"][2:42]
@@ -140,7 +145,11 @@ class Server:
         except FileNotFoundError:
             return ""
 
-    def stop(self, keep=False):
+    def stop(self, keep=None):
+        """Stops the processes and removes the directory, unless keep (by
+        default: CORVIDINE_IT_KEEP=1) asks to leave it for a look."""
+        if keep is None:
+            keep = os.environ.get("CORVIDINE_IT_KEEP") == "1"
         for process in reversed(self.processes):
             if process.poll() is None:
                 process.send_signal(signal.SIGTERM)
@@ -158,7 +167,7 @@ class Server:
         return self
 
     def __exit__(self, *exc):
-        self.stop(keep=os.environ.get("CORVIDINE_IT_KEEP") == "1")
+        self.stop()
 
 
 class FpmServer(Server):
@@ -249,21 +258,18 @@ class Response:
         return self.headers.get(name.lower(), [])
 
 
-def curl(url, headers=None, timeout=10, raw_headers=None):
-    """One request with real curl. headers: dict of name -> value;
-    raw_headers: list of byte strings sent as they are (for hostile values)."""
+def curl(url, headers=None, timeout=10):
+    """One request with real curl; headers: name -> value (str or bytes: a
+    bytes value goes out as it is, for hostile input)."""
     command = ["curl", "-s", "-S", "--max-time", str(timeout), "-D", "-", "-o", "/dev/stderr", "--noproxy", "*"]
     for name, value in (headers or {}).items():
-        # "Name;" is curl's way of sending a header with an empty value.
-        command += ["-H", "%s: %s" % (name, value) if value != "" else name + ";"]
-    config = b""
-    for line in raw_headers or []:
-        # A config file passes bytes that a command line cannot (no NUL).
-        config += b'header = "' + line.replace(b"\\", b"\\\\").replace(b'"', b'\\"') + b'"\n'
-    if config:
-        command += ["-K", "-"]
+        if isinstance(value, bytes):
+            command += ["-H", name.encode() + b": " + value if value else name.encode() + b";"]
+        else:
+            # "Name;" is curl's way of sending a header with an empty value.
+            command += ["-H", "%s: %s" % (name, value) if value != "" else name + ";"]
     command.append(url)
-    result = subprocess.run(command, input=config or None, capture_output=True, timeout=timeout + 5)
+    result = subprocess.run(command, capture_output=True, timeout=timeout + 5)
     if result.returncode != 0:
         raise RuntimeError("curl failed (%d): %s" % (result.returncode, result.stderr[-300:]))
     head = result.stdout.decode("latin-1")

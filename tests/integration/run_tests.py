@@ -53,8 +53,9 @@ def main(argv):
     suite = loader.discover(os.path.dirname(os.path.abspath(__file__)), pattern="test_*.py")
     runner = unittest.TextTestRunner(verbosity=2, resultclass=CountingResult, stream=sys.stdout)
     result = runner.run(suite)
-    print("integration: %d passed, %d failed, %d skipped" % (result.passed, result.failed_count,
-                                                            len(result.skipped)))
+    if result.skipped:
+        print("skipped: %s" % "; ".join("%s (%s)" % (t.id(), why) for t, why in result.skipped))
+    print("integration: %d passed, %d failed" % (result.passed, result.failed_count))
     return 0 if result.failed_count == 0 else 1
 
 

@@ -4,7 +4,9 @@ the client gets its answer in response headers.
 Each case class runs against nginx + php-fpm and against PHP's built-in
 server (php -S). Documents are read back with Debian's python3-bson.
 """
+import atexit
 import os
+import shutil
 import tempfile
 import time
 import unittest
@@ -57,7 +59,7 @@ class ServerCase(unittest.TestCase):
     @classmethod
     def tearDownClass(cls):
         crashes = cls.server.crashes()
-        cls.server.stop(keep=os.environ.get("CORVIDINE_IT_KEEP") == "1")
+        cls.server.stop()
         if crashes:
             raise AssertionError("server crashed: %s" % crashes)
 
@@ -322,6 +324,7 @@ def settings_file(text):
     handle = tempfile.NamedTemporaryFile("w", prefix="corvidine-it-settings-", suffix=".ini", delete=False)
     handle.write(text)
     handle.close()
+    atexit.register(os.unlink, handle.name)
     return handle.name
 
 
@@ -456,7 +459,8 @@ class CliCases(unittest.TestCase):
     INI = {"corvidine.enable_cli": "1", "corvidine.max_ready_wait_time": "-1"}
 
     def test_cli_run_is_traced_without_headers_and_named_by_its_script(self):
-        result, traces, _ = harness.run_cli(harness.CURRENT_PHP, self.SCRIPT, self.INI)
+        result, traces, directory = harness.run_cli(harness.CURRENT_PHP, self.SCRIPT, self.INI)
+        self.addCleanup(shutil.rmtree, directory, True)
         self.assertEqual(0, result.returncode, result.stderr)
         self.assertEqual(b"done\n", result.stdout, "no header may be added under the CLI")
         entry, exit_ = traces.wait_trace(lambda e: e.get("URL") == self.SCRIPT)
@@ -468,14 +472,16 @@ class CliCases(unittest.TestCase):
     def test_cli_continues_the_configured_identifier(self):
         incoming = new_xtrace("01")
         ini = dict(self.INI, **{"corvidine.xtrace": incoming})
-        result, traces, _ = harness.run_cli(harness.CURRENT_PHP, self.SCRIPT, ini)
+        result, traces, directory = harness.run_cli(harness.CURRENT_PHP, self.SCRIPT, ini)
+        self.addCleanup(shutil.rmtree, directory, True)
         self.assertEqual(0, result.returncode, result.stderr)
         entry, _ = traces.wait_trace(lambda e: e.get("URL") == self.SCRIPT)
         self.assertEqual(op_of(incoming), entry["Edge"])
         self.assertEqual(task_of(incoming), task_of(entry["X-Trace"]))
 
     def test_cli_off_traces_nothing(self):
-        result, traces, _ = harness.run_cli(harness.CURRENT_PHP, self.SCRIPT, {"corvidine.enable_cli": "0"})
+        result, traces, directory = harness.run_cli(harness.CURRENT_PHP, self.SCRIPT, {"corvidine.enable_cli": "0"})
+        self.addCleanup(shutil.rmtree, directory, True)
         self.assertEqual(0, result.returncode, result.stderr)
         self.assertEqual(b"done\n", result.stdout)
         self.assertEqual([], traces.events())

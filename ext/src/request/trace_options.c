@@ -23,8 +23,17 @@ static int php_vesk_trim(const char **start, const char **end) {
     return *end > *start;
 }
 
+/* The ignored list is echoed in a response header, and a front server
+ * refuses a response whose headers outgrow its buffer (nginx answers 502):
+ * keys that would take the list beyond this many bytes are left out. */
+#define PHP_VESK_IGNORED_MAX 512
+
 static void php_vesk_ignore(php_vesk_trace_options *options, const char *key, size_t key_len) {
-    if (PHP_VESK_SMART_STR_LEN(options->ignored) > 0) {
+    size_t used = PHP_VESK_SMART_STR_LEN(options->ignored);
+    if (used + (used > 0) + key_len > PHP_VESK_IGNORED_MAX) {
+        return;
+    }
+    if (used > 0) {
         smart_str_appendc(&options->ignored, ',');
     }
     smart_str_appendl(&options->ignored, key, key_len);
