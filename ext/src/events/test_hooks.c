@@ -68,6 +68,22 @@ static PHP_FUNCTION(corvidine_test_exit_event_state) {
     RETURN_LONG(VESK_G(exit_event_state));
 }
 
+/* corvidine_test_set_service_name(?string $name): void, this request's own
+ * service name (request_service_name), as a per-directory key would set it. */
+static PHP_FUNCTION(corvidine_test_set_service_name) {
+    zend_string *name = NULL;
+    ZEND_PARSE_PARAMETERS_START(1, 1)
+    Z_PARAM_STR_OR_NULL(name)
+    ZEND_PARSE_PARAMETERS_END();
+    if (VESK_G(request_service_name) != NULL) {
+        efree(VESK_G(request_service_name));
+        VESK_G(request_service_name) = NULL;
+    }
+    if (name != NULL) {
+        VESK_G(request_service_name) = estrndup(ZSTR_VAL(name), ZSTR_LEN(name));
+    }
+}
+
 /* Storage behind one record built from PHP. */
 typedef struct php_vesk_test_record {
     php_vesk_kv_scratch scratch;
@@ -150,20 +166,26 @@ static void php_vesk_test_fill_record(zval *spec, php_vesk_kv *record, php_vesk_
 }
 
 /* corvidine_test_event(?string $layer, ?string $label, ?array $records = null,
- *                      int $flags = 0): int, the send result.
+ *                      int $flags = 0, mixed ...$extra): int, the send result.
  * Records are [type, key, value, length?]; the list ends where the array
- * does, or at a record of type 0. */
+ * does, or at a record of type 0. $extra only gives the call arguments to
+ * report (flag 8). */
 static PHP_FUNCTION(corvidine_test_event) {
     zend_string *layer = NULL, *label = NULL;
     HashTable *specs = NULL;
     zend_long flags = 0;
-    ZEND_PARSE_PARAMETERS_START(2, 4)
+    zval *extra;
+    int extra_count;
+    ZEND_PARSE_PARAMETERS_START(2, -1)
     Z_PARAM_STR_OR_NULL(layer)
     Z_PARAM_STR_OR_NULL(label)
     Z_PARAM_OPTIONAL
     Z_PARAM_ARRAY_HT_OR_NULL(specs)
     Z_PARAM_LONG(flags)
+    Z_PARAM_VARIADIC('*', extra, extra_count)
     ZEND_PARSE_PARAMETERS_END();
+    (void)extra;
+    (void)extra_count;
 
     uint32_t count = specs != NULL ? zend_hash_num_elements(specs) : 0;
     php_vesk_kv *records = ecalloc(count + 1, sizeof(*records));
@@ -350,6 +372,10 @@ ZEND_END_ARG_INFO()
 ZEND_BEGIN_ARG_WITH_RETURN_TYPE_INFO_EX(arginfo_corvidine_test_exit_event_state, 0, 0, IS_LONG, 0)
 ZEND_END_ARG_INFO()
 
+ZEND_BEGIN_ARG_WITH_RETURN_TYPE_INFO_EX(arginfo_corvidine_test_set_service_name, 0, 1, IS_VOID, 0)
+ZEND_ARG_TYPE_INFO(0, name, IS_STRING, 1)
+ZEND_END_ARG_INFO()
+
 ZEND_BEGIN_ARG_WITH_RETURN_TYPE_INFO_EX(arginfo_corvidine_test_event, 0, 2, IS_LONG, 0)
 ZEND_ARG_TYPE_INFO(0, layer, IS_STRING, 1)
 ZEND_ARG_TYPE_INFO(0, label, IS_STRING, 1)
@@ -391,9 +417,10 @@ static const zend_function_entry php_vesk_test_functions[] = {
         PHP_FE(corvidine_test_context, arginfo_corvidine_test_context)
             PHP_FE(corvidine_test_exit_event, arginfo_corvidine_test_exit_event)
                 PHP_FE(corvidine_test_exit_event_state, arginfo_corvidine_test_exit_event_state)
-                    PHP_FE(corvidine_test_event, arginfo_corvidine_test_event)
-                        PHP_FE(corvidine_test_backtrace, arginfo_corvidine_test_backtrace)
-                            PHP_FE(corvidine_test_make_backtrace, arginfo_corvidine_test_make_backtrace)
+                    PHP_FE(corvidine_test_set_service_name, arginfo_corvidine_test_set_service_name)
+                        PHP_FE(corvidine_test_event, arginfo_corvidine_test_event)
+                            PHP_FE(corvidine_test_backtrace, arginfo_corvidine_test_backtrace) PHP_FE(
+                                corvidine_test_make_backtrace, arginfo_corvidine_test_make_backtrace)
                                 PHP_FE(corvidine_test_to_bson, arginfo_corvidine_test_to_bson) PHP_FE(
                                     corvidine_test_backtrace_bson, arginfo_corvidine_test_backtrace_bson)
                                     PHP_FE(corvidine_test_args_bson, arginfo_corvidine_test_args_bson)
