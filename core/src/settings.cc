@@ -483,9 +483,9 @@ int vesk_is_ready(unsigned wait_ms) {
         clock_gettime(CLOCK_MONOTONIC, &start);
         while (vesk_settings_get(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, "") == nullptr) {
             clock_gettime(CLOCK_MONOTONIC, &now);
-            int64_t elapsed_ms =
-                (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
-            if (elapsed_ms >= static_cast<int64_t>(wait_ms)) break;
+            int64_t elapsed_ns = static_cast<int64_t>(now.tv_sec - start.tv_sec) * 1000000000 +
+                                 (now.tv_nsec - start.tv_nsec);
+            if (elapsed_ns >= static_cast<int64_t>(wait_ms) * 1000000) break;
             usleep(200);
         }
     }
