@@ -3,8 +3,9 @@
  *
  * Features that need a callback around function calls (the stack sampler of
  * the profiler, the Laravel dispatcher) register a watcher here during
- * module start, before php_vesk_hooks_startup() runs. No feature watches
- * anything yet, so every function is left unobserved.
+ * module start, before php_vesk_hooks_startup() runs. The engine observer is
+ * registered only when there is a watcher: on PHP 8.2 a registered observer
+ * slows every call, watched or not (see observer.c).
  */
 #ifndef PHP_VESK_HOOKS_OBSERVER_H
 #define PHP_VESK_HOOKS_OBSERVER_H
@@ -28,12 +29,14 @@ typedef struct php_vesk_fcall_watcher {
  * hooks are already installed. Module start only. */
 int php_vesk_hooks_add_watcher(const php_vesk_fcall_watcher *watcher);
 
-/* Registers the function-call observer with the engine. Module start only. */
+/* Registers the function-call observer with the engine when at least one
+ * watcher was added. Module start only. */
 void php_vesk_hooks_startup(void);
 /* Forgets the watchers at module shutdown. */
 void php_vesk_hooks_shutdown(void);
 
 /* 1 once the observer is registered. */
 int php_vesk_hooks_installed(void);
+int php_vesk_hooks_watcher_count(void);
 
 #endif

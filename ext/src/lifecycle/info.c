@@ -123,7 +123,13 @@ void php_vesk_info(zend_module_entry *zend_module) {
 #else
     php_info_print_table_row(2, "thread safety", "disabled");
 #endif
-    php_info_print_table_row(2, "function hooks", php_vesk_hooks_installed() ? "observer API" : "none");
+    char hooks[64];
+    if (php_vesk_hooks_installed()) {
+        snprintf(hooks, sizeof(hooks), "observer API, %d watcher(s)", php_vesk_hooks_watcher_count());
+    } else {
+        snprintf(hooks, sizeof(hooks), "none (no feature watches calls)");
+    }
+    php_info_print_table_row(2, "function hooks", hooks);
     php_info_print_table_end();
 
     php_vesk_info_options();

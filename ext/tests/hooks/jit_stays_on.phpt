@@ -1,5 +1,5 @@
 --TEST--
-Function hooks: the observer leaves opcache's JIT on and calls behave as without the extension
+Function hooks: the started extension leaves opcache's JIT on, and calls behave as without it
 --EXTENSIONS--
 corvidine
 --SKIPIF--
@@ -18,13 +18,13 @@ $s = opcache_get_status(false);
 echo json_encode(['enabled' => $s['jit']['enabled'] ?? null, 'on' => $s['jit']['on'] ?? null]);
 PHP;
 $r = vesk_exec(vesk_command($ini, array_merge($jit, ['-r', $status])), $env);
-echo "JIT with the observer registered: ", $r['out'], trim($r['err']), "\n";
+echo "JIT with the extension started: ", $r['out'], trim($r['err']), "\n";
 $info = vesk_info_rows(vesk_exec(vesk_command($ini, array_merge($jit, ['--ri', 'corvidine'])), $env)['out']);
 echo "function hooks: ", $info['function hooks'] ?? '?', "\n";
 
 // Recursion, exceptions through frames, generators, closures, internal
-// callbacks, fibers and a deep stack: same results observed or not, with and
-// without the JIT.
+// callbacks, fibers and a deep stack: same results with the extension started
+// or not, with and without the JIT (whatever hooks the features install).
 $work = <<<'PHP'
 function fib($n) { return $n < 2 ? $n : fib($n - 1) + fib($n - 2); }
 function thrower($d) { if ($d === 0) throw new RuntimeException('deep'); return thrower($d - 1); }
@@ -52,8 +52,8 @@ echo "observed:          ", $observed['out'] === $plain['out'] ? 'same' : "DIFFE
 echo "observed with JIT: ", $observed_jit['out'] === $plain['out'] ? 'same' : "DIFFERENT: {$observed_jit['out']} {$observed_jit['err']}", "\n";
 ?>
 --EXPECT--
-JIT with the observer registered: {"enabled":true,"on":true}
-function hooks: observer API
+JIT with the extension started: {"enabled":true,"on":true}
+function hooks: none (no feature watches calls)
 without extension: 6765 deep51 45 stop 10100 2,3,4 2 15 20000 1,2,3
 observed:          same
 observed with JIT: same

@@ -33,7 +33,7 @@ reporter ready => yes
 trigger trace => not set
 debug log level => error
 thread safety => %s
-function hooks => observer API
+function hooks => none (no feature watches calls)
 
 %wstart-up options (environment over INI)%w
 reporter => file
