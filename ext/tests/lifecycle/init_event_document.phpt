@@ -18,7 +18,7 @@ foreach (scandir(PHP_EXTENSION_DIR) ?: [] as $entry) {
     }
 }
 
-function init_documents(array $ini, ?string &$pid, ?int &$before, ?int &$after): array
+function init_documents(array $ini, ?string &$pid, ?int &$before, ?int &$after, ?int &$all = null): array
 {
     $file = vesk_temp_path();
     $before = time();
@@ -26,7 +26,9 @@ function init_documents(array $ini, ?string &$pid, ?int &$before, ?int &$after):
         vesk_file_reporter($file), 'echo getmypid();');
     $after = time();
     $pid = $r['out'];
-    $docs = file_exists($file) ? vesk_init_documents(vesk_decode($file)) : [];
+    $decoded = file_exists($file) ? vesk_decode($file) : [];
+    $all = count($decoded);
+    $docs = vesk_init_documents($decoded);
     @unlink($file);
     if ($r['status'] !== 0 || $r['err'] !== '') {
         echo "child failed ({$r['status']}): {$r['err']}\n";
@@ -67,9 +69,10 @@ foreach ($docs[0] ?? [] as [$key, $type, $value]) {
     }
 }
 
-// corvidine.enable only stops the request callbacks: __Init is still sent.
-$docs = init_documents(['corvidine.enable' => 0], $pid, $before, $after);
-echo "corvidine.enable=0: ", count($docs), " __Init document(s)\n";
+// corvidine.enable only stops the request callbacks: __Init is still sent,
+// and it is the only document (the CLI run is not traced).
+$docs = init_documents(['corvidine.enable' => 0], $pid, $before, $after, $all);
+echo "corvidine.enable=0: ", count($docs), " __Init document(s), ", $all, " document(s) in all\n";
 ?>
 --EXPECT--
 1 __Init document(s)
@@ -90,4 +93,4 @@ TID int64 ok
 Timestamp_u int64 ok
 Hostname string ok
 missing so_file: PHP.InstallTimestamp = 0
-corvidine.enable=0: 1 __Init document(s)
+corvidine.enable=0: 1 __Init document(s), 1 document(s) in all
