@@ -50,8 +50,10 @@ static HashTable *vesk_frame_table(zval *frame) {
     return NULL;
 }
 
-static zval *vesk_frame_find(HashTable *frame, const char *key, size_t key_len) {
-    zval *value = zend_hash_str_find(frame, key, key_len);
+/* Frame keys are the engine's known strings, whose hashes are computed
+ * once: the lookups are the main cost of a text backtrace. */
+static zval *vesk_frame_find(HashTable *frame, zend_known_string_id key) {
+    zval *value = zend_hash_find_known_hash(frame, ZSTR_KNOWN(key));
     if (value != NULL) {
         ZVAL_DEINDIRECT(value);
         ZVAL_DEREF(value);
@@ -59,10 +61,8 @@ static zval *vesk_frame_find(HashTable *frame, const char *key, size_t key_len) 
     return value;
 }
 
-#define VESK_FRAME_FIND(frame, key) vesk_frame_find((frame), (key), sizeof(key) - 1)
-
-static void vesk_text_add_string_field(vesk_text *text, HashTable *frame, const char *key, size_t key_len) {
-    zval *value = vesk_frame_find(frame, key, key_len);
+static void vesk_text_add_string_field(vesk_text *text, HashTable *frame, zend_known_string_id key) {
+    zval *value = vesk_frame_find(frame, key);
     if (value != NULL && Z_TYPE_P(value) == IS_STRING) {
         vesk_text_add(text, Z_STRVAL_P(value), Z_STRLEN_P(value));
     }
@@ -130,9 +130,9 @@ static void vesk_text_add_frame(vesk_text *text, zval *frame_zv, int number) {
     vesk_text_add_long(text, number);
     VESK_TEXT_ADD_LITERAL(text, " ");
 
-    zval *file = VESK_FRAME_FIND(frame, "file");
+    zval *file = vesk_frame_find(frame, ZEND_STR_FILE);
     if (file != NULL && Z_TYPE_P(file) == IS_STRING) {
-        zval *line = VESK_FRAME_FIND(frame, "line");
+        zval *line = vesk_frame_find(frame, ZEND_STR_LINE);
         vesk_text_add(text, Z_STRVAL_P(file), Z_STRLEN_P(file));
         VESK_TEXT_ADD_LITERAL(text, "(");
         vesk_text_add_long(text, line != NULL && Z_TYPE_P(line) == IS_LONG ? Z_LVAL_P(line) : 0);
@@ -140,12 +140,12 @@ static void vesk_text_add_frame(vesk_text *text, zval *frame_zv, int number) {
     } else {
         VESK_TEXT_ADD_LITERAL(text, "[internal function]: ");
     }
-    vesk_text_add_string_field(text, frame, ZEND_STRL("class"));
-    vesk_text_add_string_field(text, frame, ZEND_STRL("type"));
-    vesk_text_add_string_field(text, frame, ZEND_STRL("function"));
+    vesk_text_add_string_field(text, frame, ZEND_STR_CLASS);
+    vesk_text_add_string_field(text, frame, ZEND_STR_TYPE);
+    vesk_text_add_string_field(text, frame, ZEND_STR_FUNCTION);
 
     VESK_TEXT_ADD_LITERAL(text, "(");
-    zval *args = VESK_FRAME_FIND(frame, "args");
+    zval *args = vesk_frame_find(frame, ZEND_STR_ARGS);
     if (args != NULL && Z_TYPE_P(args) == IS_ARRAY) {
         size_t before = text->length;
         zval *arg;
@@ -276,7 +276,7 @@ char *vesk_get_args_bson(size_t *length, zval *frames) {
     if (Z_TYPE_P(frames) == IS_ARRAY) {
         zval *frame = zend_hash_index_find(Z_ARRVAL_P(frames), 0);
         HashTable *table = frame != NULL ? vesk_frame_table(frame) : NULL;
-        zval *args = table != NULL ? VESK_FRAME_FIND(table, "args") : NULL;
+        zval *args = table != NULL ? vesk_frame_find(table, ZEND_STR_ARGS) : NULL;
         if (args != NULL && Z_TYPE_P(args) == IS_ARRAY) {
             document = vesk_table_to_document(Z_ARRVAL_P(args), length);
         }
