@@ -91,7 +91,6 @@ int refresh_layer_settings(vesk_settings_cfg_t *cfg, const char *service_name, v
 
     store_relaxed(cfg->value, static_cast<int>(value));
     store_relaxed(cfg->flags, flags);
-    store_relaxed(cfg->timestamp, static_cast<uint32_t>(timestamp));
 
     for (int i = 0; i < VESK_BUCKET_COUNT; ++i) {
         double c = capacity[i];
@@ -111,6 +110,10 @@ int refresh_layer_settings(vesk_settings_cfg_t *cfg, const char *service_name, v
         }
         _vesk_bucket_set_limits(&cfg->bucket[i], c, per_usec);
     }
+    // Other threads skip their own refresh once they see this timestamp, so
+    // it goes out only after the buckets are set: a consumer must never meet
+    // a never-filled bucket, which an update would pin at 0.
+    __atomic_store_n(&cfg->timestamp, static_cast<uint32_t>(timestamp), __ATOMIC_RELEASE);
 
     VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH, "_vesk_refresh_layer_settings(%s): => 0",
                    name_or_empty(service_name));
@@ -148,7 +151,7 @@ int get_settings(const vesk_tracing_decisions_in_t *in, vesk_tracing_decisions_o
     if (record != nullptr) {
         unsigned timestamp = 0;
         current = vesk_settings_get_value(record, &value, &remote_flags, &timestamp) == 0 &&
-                  timestamp == load_relaxed(cfg->timestamp);
+                  timestamp == __atomic_load_n(&cfg->timestamp, __ATOMIC_ACQUIRE);
     }
     if (!current) {
         // The table changed since the last look (or never was looked at).
