@@ -44,11 +44,11 @@ class Php:
             self.cli = "/usr/bin/php8.2" if os.access("/usr/bin/php8.2", os.X_OK) else "/usr/bin/php"
             self.fpm = "/usr/sbin/php-fpm8.2"
 
-    def ini_args(self, ini, log):
+    def ini_args(self, ini, log, load_module=True):
         """-n (no system php.ini, so no other extension gets in the way), our
         module, errors to a log file, then the test's own entries."""
-        args = ["-n", "-d", "extension=" + self.module, "-d", "log_errors=1", "-d", "error_log=" + log,
-                "-d", "display_errors=0", "-d", "html_errors=0"]
+        args = ["-n"] + (["-d", "extension=" + self.module] if load_module else [])
+        args += ["-d", "log_errors=1", "-d", "error_log=" + log, "-d", "display_errors=0", "-d", "html_errors=0"]
         for key, value in ini.items():
             args += ["-d", "%s=%s" % (key, value)]
         return args
@@ -122,8 +122,9 @@ class Traces:
 class Server:
     """Common part of the HTTP servers: directory, environment, logs."""
 
-    def __init__(self, php, ini=None, env=None):
+    def __init__(self, php, ini=None, env=None, load_module=True):
         self.php = php
+        self.load_module = load_module
         self.ini = dict(ini or {})
         self.dir = tempfile.mkdtemp(prefix="corvidine-it-")
         os.chmod(self.dir, 0o755)
@@ -173,8 +174,8 @@ class Server:
 class FpmServer(Server):
     """nginx in front of php-fpm, both on free loopback ports."""
 
-    def __init__(self, php, ini=None, env=None, children=2, fpm_prefix=None):
-        super().__init__(php, ini, env)
+    def __init__(self, php, ini=None, env=None, children=2, fpm_prefix=None, load_module=True):
+        super().__init__(php, ini, env, load_module)
         self.children = children
         self.fpm_prefix = fpm_prefix or []
         self.fpm_log = os.path.join(self.dir, "fpm.log")
@@ -194,7 +195,7 @@ class FpmServer(Server):
             handle.write(NGINX_CONF.format(dir=self.dir, port=self.port, fpm_port=fpm_port, www=WWW))
 
         fpm = subprocess.Popen(self.fpm_prefix + [self.php.fpm, "-F", "-R", "-y", fpm_conf] +
-                               self.php.ini_args(self.ini, self.php_log),
+                               self.php.ini_args(self.ini, self.php_log, self.load_module),
                                env=self.env, stdout=subprocess.DEVNULL,
                                stderr=open(os.path.join(self.dir, "fpm.stderr"), "w"))
         self.processes.append(fpm)

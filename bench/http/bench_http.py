@@ -1,0 +1,175 @@
+"""What the extension costs a real server: wrk against nginx + php-fpm
+serving a small page, in three set-ups measured in one run:
+
+  off        the extension not loaded
+  sampled    loaded, every request sampled, events to a local UDP listener
+  unsampled  loaded, no request sampled (corvidine.sample_rate 0)
+
+For each: requests per second under load (wrk, CONNECTIONS connections),
+and latency with one connection. The set-ups are measured in turns over
+ROUNDS rounds and the median taken, so that a drift of the machine hits all
+three alike. Loopback only; every run is bounded by its duration.
+
+    /usr/bin/python3 bench/http/bench_http.py MODULE
+Environment: BENCH_SECONDS (8), BENCH_LATENCY_SECONDS (5), BENCH_ROUNDS (3),
+BENCH_CONNECTIONS (8), BENCH_CHILDREN (4).
+"""
+import os
+import re
+import socket
+import statistics
+import subprocess
+import sys
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "..", "tests", "integration"))
+
+import harness  # noqa: E402
+
+SECONDS = int(os.environ.get("BENCH_SECONDS", "8"))
+LATENCY_SECONDS = int(os.environ.get("BENCH_LATENCY_SECONDS", "5"))
+ROUNDS = int(os.environ.get("BENCH_ROUNDS", "3"))
+CONNECTIONS = int(os.environ.get("BENCH_CONNECTIONS", "8"))
+CHILDREN = int(os.environ.get("BENCH_CHILDREN", "4"))
+
+# Targets: throughput kept, against the server without the extension.
+TARGET_SAMPLED = 0.95
+TARGET_UNSAMPLED = 0.98
+
+
+class UdpListener:
+    """Where the UDP reporter sends its events. It never reads while the
+    load runs, so that it takes no CPU from the server: the kernel counts
+    what overflows the receive buffer (the drops column of /proc/net/udp),
+    and what stays queued is counted when asked."""
+
+    def __init__(self):
+        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.sock.bind(("127.0.0.1", 0))
+        self.sock.setblocking(False)
+        self.port = self.sock.getsockname()[1]
+        self.read = 0
+
+    def drops(self):
+        with open("/proc/net/udp") as handle:
+            for line in handle.readlines()[1:]:
+                fields = line.split()
+                if fields[1].endswith(":%04X" % self.port):
+                    return int(fields[-1])
+        return 0
+
+    def count(self):
+        """Datagrams received so far (queued ones are read now)."""
+        while True:
+            try:
+                self.sock.recv(65535)
+                self.read += 1
+            except BlockingIOError:
+                break
+        return self.read + self.drops()
+
+    def stop(self):
+        self.sock.close()
+
+
+UNITS = {"us": 1.0, "ms": 1000.0, "s": 1000000.0}
+
+
+def to_us(text):
+    match = re.match(r"([\d.]+)(us|ms|s)$", text)
+    return float(match.group(1)) * UNITS[match.group(2)]
+
+
+def wrk(url, seconds, connections):
+    out = subprocess.run(["wrk", "-t", "1" if connections == 1 else "2", "-c", str(connections),
+                          "-d", "%ds" % seconds, "--latency", url],
+                         capture_output=True, text=True, timeout=seconds + 30, check=True).stdout
+    rps = float(re.search(r"Requests/sec:\s+([\d.]+)", out).group(1))
+    requests = int(re.search(r"(\d+) requests in", out).group(1))
+    avg = to_us(re.search(r"^\s*Latency\s+(\S+)", out, re.M).group(1))
+    p50 = to_us(re.search(r"^\s*50%\s+(\S+)", out, re.M).group(1))
+    errors = re.search(r"Non-2xx or 3xx responses: (\d+)|Socket errors: (.*)", out)
+    if errors:
+        raise RuntimeError("wrk saw errors: %s" % errors.group(0))
+    return {"rps": rps, "requests": requests, "avg_us": avg, "p50_us": p50}
+
+
+def setups(listener):
+    udp = {"CORVIDINE_REPORTER": "udp", "CORVIDINE_COLLECTOR": "127.0.0.1:%d" % listener.port,
+           # Large buckets: the rate limit must not be what decides.
+           "CORVIDINE_TOKEN_BUCKET_CAPACITY": "10000000", "CORVIDINE_TOKEN_BUCKET_RATE": "10000000"}
+    return [
+        ("off", {}, udp, False),
+        ("sampled", {"corvidine.sample_rate": "1000000"}, udp, True),
+        ("unsampled", {"corvidine.sample_rate": "0"}, udp, True),
+    ]
+
+
+def measure(php, name, ini, env, load, listener):
+    server = harness.FpmServer(php, ini, env, children=CHILDREN, load_module=load)
+    server.start()
+    try:
+        url = server.url("/index.php")
+        check = harness.curl(url)
+        if check.status != 200:
+            raise RuntimeError("%s: status %d" % (name, check.status))
+        has_header = check.header("X-Trace") is not None
+        if has_header != load:
+            raise RuntimeError("%s: X-Trace header %s" % (name, "present" if has_header else "missing"))
+        wrk(url, 2, CONNECTIONS)  # warm-up: workers, connections, caches
+        before = listener.count()
+        load_run = wrk(url, SECONDS, CONNECTIONS)
+        latency_run = wrk(url, LATENCY_SECONDS, 1)
+        server_crashes = server.crashes()
+        if server_crashes:
+            raise RuntimeError("%s: %s" % (name, server_crashes))
+        return load_run, latency_run, listener.count() - before, load_run["requests"] + latency_run["requests"]
+    finally:
+        server.stop()
+
+
+def main(argv):
+    if len(argv) != 2:
+        print(__doc__, file=sys.stderr)
+        return 2
+    php = harness.Php("nts", argv[1])
+    listener = UdpListener()
+    results = {}
+    try:
+        for round_number in range(ROUNDS):
+            for name, ini, env, load in setups(listener):
+                load_run, latency_run, datagrams, requests = measure(php, name, ini, env, load, listener)
+                print("round %d %-9s %9.0f req/s   latency avg %7.1f us  p50 %7.1f us   events %d for %d requests"
+                      % (round_number + 1, name, load_run["rps"], latency_run["avg_us"], latency_run["p50_us"],
+                         datagrams, requests), flush=True)
+                results.setdefault(name, []).append((load_run, latency_run, datagrams, requests))
+    finally:
+        listener.stop()
+
+    def median(name, run, key):
+        return statistics.median(r[run][key] for r in results[name])
+
+    rps = {name: median(name, 0, "rps") for name in results}
+    avg = {name: median(name, 1, "avg_us") for name in results}
+    p50 = {name: median(name, 1, "p50_us") for name in results}
+    sampled_ratio = rps["sampled"] / rps["off"]
+    unsampled_ratio = rps["unsampled"] / rps["off"]
+    events_per_request = (sum(r[2] for r in results["sampled"]) / max(1, sum(r[3] for r in results["sampled"])))
+
+    print()
+    print("%-10s %12s %8s %14s %14s" % ("setup", "req/s", "ratio", "lat avg (us)", "lat p50 (us)"))
+    for name in ("off", "sampled", "unsampled"):
+        print("%-10s %12.0f %8.3f %14.1f %14.1f" % (name, rps[name], rps[name] / rps["off"], avg[name], p50[name]))
+    print()
+    print("sampled:   %.3f of not loaded (target >= %.2f) %s"
+          % (sampled_ratio, TARGET_SAMPLED, "met" if sampled_ratio >= TARGET_SAMPLED else "NOT met"))
+    print("unsampled: %.3f of not loaded (target >= %.2f) %s"
+          % (unsampled_ratio, TARGET_UNSAMPLED, "met" if unsampled_ratio >= TARGET_UNSAMPLED else "NOT met"))
+    print("added latency per sampled request: %.1f us (p50), %.1f us (avg); per unsampled: %.1f us (p50)"
+          % (p50["sampled"] - p50["off"], avg["sampled"] - avg["off"], p50["unsampled"] - p50["off"]))
+    print("events received per sampled request: %.2f (entry and exit: 2)" % events_per_request)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))
