@@ -74,4 +74,9 @@ void php_vesk_get_log_trace_id(char *buffer, size_t size);
  * is to be appended or message is null. The caller efree()s the result. */
 char *php_vesk_log_append_trace_id(const char *message);
 
+/* Module start: the test-only functions corvidine_test_log_*() when
+ * corvidine.internal_test_hooks is on (after the event helpers registered
+ * that entry). */
+void php_vesk_request_test_hooks_minit(int type);
+
 #endif
