@@ -102,6 +102,7 @@ static void php_vesk_apply_trigger_tracing(void) {
 zend_result php_vesk_module_startup(int type, int module_number) {
     php_vesk_ini_register(type, module_number);
     php_vesk_events_minit(type, module_number); /* test-only hooks, when asked for */
+    php_vesk_request_test_hooks_minit(type);
 
     if (php_vesk_cli_off()) {
         php_vesk_state = PHP_VESK_CLI_OFF;
