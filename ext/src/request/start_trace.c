@@ -99,6 +99,15 @@ static const char *php_vesk_set_context(const char *incoming, int *event_flags) 
     return NULL;
 }
 
+/* An exit event prepared but not sent (the context went away before request
+ * end) still owns its buffer. */
+static void php_vesk_drop_exit_event(void) {
+    if (VESK_G(exit_event_state) != 0) {
+        vesk_event_destroy(&VESK_G(exit_event));
+        VESK_G(exit_event_state) = 0;
+    }
+}
+
 static void php_vesk_unsampled_path(void) {
     /* Join point of function wrapping: with corvidine.enable_wrap on and no
      * wrappers in place (wrap_state 0), wrap_for_span() installs the
@@ -172,7 +181,9 @@ static void php_vesk_sampled_path(const char *layer, const vesk_tracing_decision
      * copied here as the parent of the profiling spans. */
 
     /* The exit event gets its id now, so that the response can name it
-     * although the event is sent only at request end. */
+     * although the event is sent only at request end. A trace started
+     * twice in one request (from PHP code) replaces the first one's. */
+    php_vesk_drop_exit_event();
     if (vesk_event_init(&VESK_G(exit_event), vesk_context_get(), NULL) == 0) {
         VESK_G(exit_event_state) = 1;
         if (!php_vesk_sapi_is_cli()) {
@@ -252,15 +263,6 @@ int php_vesk_start_trace(const char *layer, const char *xtrace, int *sample_rate
         php_vesk_sampled_path(VESK_G(layer_name), &out, kvs, kv_count, event_flags);
     }
     return 0;
-}
-
-/* An exit event prepared but not sent (the context went away before request
- * end) still owns its buffer. */
-static void php_vesk_drop_exit_event(void) {
-    if (VESK_G(exit_event_state) != 0) {
-        vesk_event_destroy(&VESK_G(exit_event));
-        VESK_G(exit_event_state) = 0;
-    }
 }
 
 void php_vesk_end_trace(const php_vesk_kv *kvs, int kv_count, int event_flags) {
