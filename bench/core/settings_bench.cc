@@ -24,11 +24,12 @@ std::vector<std::string> service_names(int n) {
 std::vector<std::string> fill_records() {
     vesk_settings_init_local();
     _vesk_settings_reset();
-    vesk_settings_add("", VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, 1000000, 0x14, 1, 60, kCaps, kRates, nullptr, 0);
+    vesk_settings_add("", VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, 1000000, 0x14, 1, 60, kCaps, kRates,
+                      nullptr, 0);
     std::vector<std::string> names = service_names(VESK_SETTINGS_MAX_RECORDS - 1);
     for (const std::string &n : names)
-        vesk_settings_add(n.c_str(), VESK_SETTINGS_TYPE_LAYER_SAMPLE_RATE, 500000, 0x14, 1, 60, kCaps, kRates, "k",
-                          0);
+        vesk_settings_add(n.c_str(), VESK_SETTINGS_TYPE_LAYER_SAMPLE_RATE, 500000, 0x14, 1, 60, kCaps, kRates,
+                          "k", 0);
     return names;
 }
 
@@ -49,7 +50,8 @@ void BM_SettingsLayerSampleRate124Worst(benchmark::State &state) {
     const std::string missing = "checkout-service-production-9999";
     bool last = true;
     for (auto _ : state) {
-        benchmark::DoNotOptimize(vesk_settings_get_layer_sample_rate(last ? names.back().c_str() : missing.c_str()));
+        benchmark::DoNotOptimize(
+            vesk_settings_get_layer_sample_rate(last ? names.back().c_str() : missing.c_str()));
         last = !last;
     }
 }

@@ -47,7 +47,9 @@ void *realloc(void *p, size_t n) {
     note_alloc();
     return __libc_realloc(p, n);
 }
-void free(void *p) { __libc_free(p); }
+void free(void *p) {
+    __libc_free(p);
+}
 }
 #endif
 
@@ -71,7 +73,9 @@ void stop_counting(benchmark::State &state, long decisions) {
 #endif
 }
 
-int always(void *) { return 1; }
+int always(void *) {
+    return 1;
+}
 vesk_reporter_t g_bench_reporter;
 
 // A reporter that is always ready, unless one that is ready is there already.

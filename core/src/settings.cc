@@ -38,7 +38,8 @@ static_assert(offsetof(vesk_settings_t, signature_key) == 328, "record signature
 static_assert(sizeof(vesk_settings_layer_entry_t) == VESK_SETTINGS_LAYER_ENTRY_SIZE, "entry size");
 static_assert(offsetof(vesk_settings_layer_entry_t, name) == 0, "entry name");
 static_assert(offsetof(vesk_settings_layer_entry_t, request_count) == 256, "entry request_count");
-static_assert(offsetof(vesk_settings_layer_entry_t, token_bucket_exhaustion_count) == 260, "entry exhaustion");
+static_assert(offsetof(vesk_settings_layer_entry_t, token_bucket_exhaustion_count) == 260,
+              "entry exhaustion");
 static_assert(offsetof(vesk_settings_layer_entry_t, trace_count) == 264, "entry trace_count");
 static_assert(offsetof(vesk_settings_layer_entry_t, sample_count) == 268, "entry sample_count");
 static_assert(offsetof(vesk_settings_layer_entry_t, through_count) == 272, "entry through_count");
@@ -88,7 +89,9 @@ inline void store_relaxed(T &field, T value) {
     __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
 
-inline vesk_settings_header_t *header() { return reinterpret_cast<vesk_settings_header_t *>(vesk_shm_base); }
+inline vesk_settings_header_t *header() {
+    return reinterpret_cast<vesk_settings_header_t *>(vesk_shm_base);
+}
 inline vesk_settings_t *records() {
     return reinterpret_cast<vesk_settings_t *>(vesk_shm_base + VESK_SETTINGS_RECORDS_OFFSET);
 }
@@ -164,9 +167,10 @@ void clear_entry(vesk_settings_layer_entry_t *e) {
     size_t i = static_cast<size_t>(e - entries());
     __atomic_store_n(&e->in_use, 0, __ATOMIC_RELEASE);
     memset(e->name, 0, sizeof(e->name));
-    uint32_t *counters[] = {&e->request_count, &e->token_bucket_exhaustion_count, &e->trace_count,
-                            &e->sample_count,  &e->through_count, &e->through_ignored_count,
-                            &e->triggered_count, &e->sample_rate, &e->sample_source};
+    uint32_t *counters[] = {
+        &e->request_count, &e->token_bucket_exhaustion_count, &e->trace_count,     &e->sample_count,
+        &e->through_count, &e->through_ignored_count,         &e->triggered_count, &e->sample_rate,
+        &e->sample_source};
     for (uint32_t *c : counters) __atomic_store_n(c, 0u, __ATOMIC_RELAXED);
     g_entry_hash[i] = 0;
 }
@@ -255,8 +259,8 @@ int vesk_settings_init_local(void) {
     if (block == nullptr) {
         int err = errno;
         VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_ERROR,
-                             "Failed to allocate %u bytes for settings - err#%d %s", (unsigned)VESK_SETTINGS_SIZE,
-                             err, strerror(err));
+                             "Failed to allocate %u bytes for settings - err#%d %s",
+                             (unsigned)VESK_SETTINGS_SIZE, err, strerror(err));
         return -1;
     }
     WriteLock lock(&settings_mutex);
@@ -267,7 +271,8 @@ int vesk_settings_init_local(void) {
     memset(g_record_hash, 0, sizeof(g_record_hash));
     memset(g_entry_hash, 0, sizeof(g_entry_hash));
     g_index_owned = true;
-    VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_LOW, "Using local non-shared settings memory buffer");
+    VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_LOW,
+                   "Using local non-shared settings memory buffer");
     return 0;
 }
 
@@ -298,7 +303,9 @@ int vesk_settings_wr_init(void) {
     return 0;
 }
 
-int vesk_settings_get_version(void) { return VESK_SETTINGS_VERSION; }
+int vesk_settings_get_version(void) {
+    return VESK_SETTINGS_VERSION;
+}
 
 vesk_settings_t *vesk_settings_inspect(uint32_t *magic, uint16_t *version, uint8_t *flags, uint8_t *num) {
     if (vesk_shm_base == nullptr) return nullptr;
@@ -321,8 +328,9 @@ vesk_settings_t *vesk_settings_get(int type, const char *layer) {
     return find_record(type, layer);
 }
 
-int vesk_settings_add(const char *layer, int type, unsigned value, int flags, unsigned timestamp, unsigned ttl,
-                      const double capacity[3], const double rate[3], const char *key, int touch_default) {
+int vesk_settings_add(const char *layer, int type, unsigned value, int flags, unsigned timestamp,
+                      unsigned ttl, const double capacity[3], const double rate[3], const char *key,
+                      int touch_default) {
     if (layer == nullptr) layer = "";
     if (vesk_settings_get(type, layer) != nullptr) return -2;
     if (vesk_shm_base == nullptr) return -1;
@@ -449,7 +457,8 @@ vesk_settings_t *vesk_settings_get_layer_sample_rate(const char *layer) {
     return find_record(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, "");
 }
 
-int vesk_settings_get_value(const vesk_settings_t *record, unsigned *value, uint16_t *flags, unsigned *timestamp) {
+int vesk_settings_get_value(const vesk_settings_t *record, unsigned *value, uint16_t *flags,
+                            unsigned *timestamp) {
     if (record == nullptr) return -2;
     uint32_t magic = load_relaxed(record->magic);
     if (magic != VESK_SETTINGS_MAGIC) {
@@ -459,20 +468,21 @@ int vesk_settings_get_value(const vesk_settings_t *record, unsigned *value, uint
     }
     uint16_t f = load_relaxed(record->flags);
     if (f & VESK_SETTINGS_FLAG_INVALID) {
-        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_MEDIUM, "vesk_settings_get_value: Flagged invalid => -1");
+        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_MEDIUM,
+                       "vesk_settings_get_value: Flagged invalid => -1");
         return -1;
     }
     uint32_t v = load_relaxed(record->value);
     if (v > VESK_SETTINGS_MAX_SAMPLE_RATE) {
-        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_MEDIUM, "vesk_settings_get_value: Invalid value %u => -2",
-                       v);
+        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_MEDIUM,
+                       "vesk_settings_get_value: Invalid value %u => -2", v);
         return -2;
     }
     if (value) *value = v;
     if (flags) *flags = f;
     if (timestamp) *timestamp = load_relaxed(record->timestamp);
-    VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH, "vesk_settings_get_value: flags=%X value=%u => 0",
-                   f, v);
+    VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH,
+                   "vesk_settings_get_value: flags=%X value=%u => 0", f, v);
     return 0;
 }
 
@@ -483,8 +493,8 @@ int vesk_is_ready(unsigned wait_ms) {
         clock_gettime(CLOCK_MONOTONIC, &start);
         while (vesk_settings_get(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, "") == nullptr) {
             clock_gettime(CLOCK_MONOTONIC, &now);
-            int64_t elapsed_ns = static_cast<int64_t>(now.tv_sec - start.tv_sec) * 1000000000 +
-                                 (now.tv_nsec - start.tv_nsec);
+            int64_t elapsed_ns =
+                static_cast<int64_t>(now.tv_sec - start.tv_sec) * 1000000000 + (now.tv_nsec - start.tv_nsec);
             if (elapsed_ns >= static_cast<int64_t>(wait_ms) * 1000000) break;
             usleep(200);
         }
@@ -544,7 +554,8 @@ void vesk_settings_append_through_count(vesk_bson_buffer *b, int *index) {
     append_counter(b, index, "ThroughTraceCount", &vesk_settings_layer_entry_t::through_count, true);
 }
 void vesk_settings_append_through_ignored_count(vesk_bson_buffer *b, int *index) {
-    append_counter(b, index, "ThroughIgnoredCount", &vesk_settings_layer_entry_t::through_ignored_count, true);
+    append_counter(b, index, "ThroughIgnoredCount", &vesk_settings_layer_entry_t::through_ignored_count,
+                   true);
 }
 void vesk_settings_append_triggered_count(vesk_bson_buffer *b, int *index) {
     append_counter(b, index, "TriggeredCount", &vesk_settings_layer_entry_t::triggered_count, true);
@@ -556,7 +567,11 @@ void vesk_settings_append_sample_source(vesk_bson_buffer *b, int *index) {
     append_counter(b, index, "SampleSource", &vesk_settings_layer_entry_t::sample_source, false);
 }
 
-int _vesk_settings_read_lock(void) { return pthread_rwlock_rdlock(&settings_mutex); }
-void _vesk_settings_read_unlock(void) { pthread_rwlock_unlock(&settings_mutex); }
+int _vesk_settings_read_lock(void) {
+    return pthread_rwlock_rdlock(&settings_mutex);
+}
+void _vesk_settings_read_unlock(void) {
+    pthread_rwlock_unlock(&settings_mutex);
+}
 
 }  // extern "C"

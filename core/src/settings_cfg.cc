@@ -24,24 +24,27 @@ void create_cfg() {
 
 // The setters run on request threads while decisions read the same fields
 // without the lock; each field is one atomic store.
-inline void store_int(int *field, int value) { __atomic_store_n(field, value, __ATOMIC_RELAXED); }
+inline void store_int(int *field, int value) {
+    __atomic_store_n(field, value, __ATOMIC_RELAXED);
+}
 
 // 0 when the lock is held; otherwise logs and the caller changes nothing.
 int take_cfg_lock() {
     int rc = pthread_rwlock_rdlock(&cfg_mutex);
     if (rc != 0)
-        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_ERROR, "Cannot acquire mutex: %s", strerror(rc));
+        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_ERROR, "Cannot acquire mutex: %s",
+                             strerror(rc));
     return rc;
 }
 
 void set_mode(int *field, int mode, bool trigger) {
     if (mode < -1 || mode > 1) {
         if (trigger)
-            VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_WARNING, "New trigger mode is invalid (%d).",
-                                 mode);
+            VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_WARNING,
+                                 "New trigger mode is invalid (%d).", mode);
         else
-            VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_WARNING, "New tracing mode is invalid (%d).",
-                                 mode);
+            VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_WARNING,
+                                 "New tracing mode is invalid (%d).", mode);
         mode = -1;
     }
     store_int(field, mode);
@@ -138,7 +141,11 @@ const char *vesk_tracing_mode_to_string(int mode) {
     }
 }
 
-int _vesk_settings_cfg_read_lock(void) { return pthread_rwlock_rdlock(&cfg_mutex); }
-void _vesk_settings_cfg_read_unlock(void) { pthread_rwlock_unlock(&cfg_mutex); }
+int _vesk_settings_cfg_read_lock(void) {
+    return pthread_rwlock_rdlock(&cfg_mutex);
+}
+void _vesk_settings_cfg_read_unlock(void) {
+    pthread_rwlock_unlock(&cfg_mutex);
+}
 
 }  // extern "C"

@@ -59,7 +59,8 @@ void update_locked(vesk_bucket_t *b) {
     if (!(b->capacity > b->available)) return;  // full: last_check stays
     struct timeval now;
     _vesk_clock_gettimeofday(&now);
-    int64_t delta = vesk_bucket_timedelta(b->last_check.tv_sec, b->last_check.tv_usec, now.tv_sec, now.tv_usec);
+    int64_t delta =
+        vesk_bucket_timedelta(b->last_check.tv_sec, b->last_check.tv_usec, now.tv_sec, now.tv_usec);
     if (delta <= 0) return;  // a clock step back neither drains nor refills
     double fresh = static_cast<double>(b->available) + static_cast<double>(delta) * b->rate_per_usec;
     if (fresh > b->capacity) {
@@ -97,11 +98,14 @@ int vesk_bucket_consume(vesk_bucket_t *bucket) {
 void _vesk_bucket_set_limits(vesk_bucket_t *bucket, double capacity, double rate_per_usec) {
     BucketGuard guard(bucket);
     bucket->capacity = capacity;
-    if (bucket->available > capacity || bucket->available == -1.0f) bucket->available = static_cast<float>(capacity);
+    if (bucket->available > capacity || bucket->available == -1.0f)
+        bucket->available = static_cast<float>(capacity);
     bucket->rate_per_usec = rate_per_usec;
 }
 
-void _vesk_clock_set(vesk_clock_fn fn) { g_clock.store(fn, std::memory_order_relaxed); }
+void _vesk_clock_set(vesk_clock_fn fn) {
+    g_clock.store(fn, std::memory_order_relaxed);
+}
 
 void _vesk_clock_gettimeofday(struct timeval *now) {
     vesk_clock_fn fn = g_clock.load(std::memory_order_relaxed);

@@ -26,9 +26,13 @@ template <typename T>
 inline void store_relaxed(T &field, T value) {
     __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
-inline void bump(uint32_t &counter) { __atomic_fetch_add(&counter, 1u, __ATOMIC_RELAXED); }
+inline void bump(uint32_t &counter) {
+    __atomic_fetch_add(&counter, 1u, __ATOMIC_RELAXED);
+}
 
-inline const char *name_or_empty(const char *s) { return s ? s : ""; }
+inline const char *name_or_empty(const char *s) {
+    return s ? s : "";
+}
 
 // What the settings resolution hands on to the rest of the decision.
 struct Resolved {
@@ -39,7 +43,9 @@ struct Resolved {
     int flags = 0;
 };
 
-bool in_range(int v, int lo, int hi) { return v >= lo && v <= hi; }
+bool in_range(int v, int lo, int hi) {
+    return v >= lo && v <= hi;
+}
 
 bool input_ok(const vesk_tracing_decisions_in_t *in) {
     return (in->version == 1 || in->version == 2) &&
@@ -54,19 +60,21 @@ bool input_ok(const vesk_tracing_decisions_in_t *in) {
 // none.
 int refresh_layer_settings(vesk_settings_cfg_t *cfg, const char *service_name, vesk_settings_t **record_out) {
     *record_out = nullptr;
-    if (load_relaxed(cfg->settings) == nullptr) store_relaxed(cfg->no_settings_since, (uint32_t)_vesk_clock_time());
+    if (load_relaxed(cfg->settings) == nullptr)
+        store_relaxed(cfg->no_settings_since, (uint32_t)_vesk_clock_time());
 
     vesk_settings_t *record = vesk_settings_get_layer_sample_rate(service_name);
 
     int rc = _vesk_settings_cfg_read_lock();
     if (rc != 0) {
-        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_ERROR, "Cannot acquire mutex: %s", strerror(rc));
+        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_ERROR, "Cannot acquire mutex: %s",
+                             strerror(rc));
         return -1;
     }
     if (record == nullptr) {
         store_relaxed(cfg->settings, static_cast<vesk_settings_t *>(nullptr));
-        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH, "_vesk_refresh_layer_settings(%s): No settings => -1",
-                       name_or_empty(service_name));
+        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH,
+                       "_vesk_refresh_layer_settings(%s): No settings => -1", name_or_empty(service_name));
         _vesk_settings_cfg_read_unlock();
         return -1;
     }
@@ -265,7 +273,8 @@ int verify_signature(const vesk_tracing_decisions_in_t *in, const vesk_settings_
         _vesk_settings_read_unlock();
     }
     if (key[0] == '\0') {
-        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH, "vesk_sample_layer: no key to verify signature");
+        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH,
+                       "vesk_sample_layer: no key to verify signature");
         return VESK_AUTH_NO_SIGNATURE_KEY;
     }
 
@@ -286,7 +295,8 @@ int verify_signature(const vesk_tracing_decisions_in_t *in, const vesk_settings_
     *good = 1;
 
     long now = static_cast<long>(_vesk_clock_time());
-    if (in->header_timestamp < now - VESK_SIGNATURE_WINDOW || in->header_timestamp > now + VESK_SIGNATURE_WINDOW) {
+    if (in->header_timestamp < now - VESK_SIGNATURE_WINDOW ||
+        in->header_timestamp > now + VESK_SIGNATURE_WINDOW) {
         VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH, "vesk_sample_layer: bad timestamp");
         return VESK_AUTH_BAD_TIMESTAMP;
     }
@@ -325,7 +335,8 @@ int should_sample(vesk_settings_layer_entry_t *entry, int rate) {
         // Inclusive: a rate of 0 still passes on a draw of 0.
         outcome = rate >= vesk_rand_get_value() % VESK_SETTINGS_MAX_SAMPLE_RATE ? 1 : 0;
     }
-    VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH, "_vesk_should_sample(%d): => %d", rate, outcome);
+    VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH, "_vesk_should_sample(%d): => %d", rate,
+                   outcome);
     return outcome;
 }
 
@@ -354,8 +365,8 @@ int roll_dice(const Resolved &res, bool has_xtrace, int *do_sample) {
         return 0;
     }
 
-    if ((res.flags & VESK_SETTINGS_FLAG_SAMPLE_THROUGH_ALWAYS) && !(res.flags & VESK_SETTINGS_FLAG_SAMPLE_START) &&
-        entry)
+    if ((res.flags & VESK_SETTINGS_FLAG_SAMPLE_THROUGH_ALWAYS) &&
+        !(res.flags & VESK_SETTINGS_FLAG_SAMPLE_START) && entry)
         bump(entry->through_ignored_count);
     if (res.flags & VESK_SETTINGS_FLAG_SAMPLE_START) *do_sample = should_sample(entry, res.rate);
     // A service without an entry (all 124 taken) is not rate limited.
@@ -369,7 +380,8 @@ int roll_dice(const Resolved &res, bool has_xtrace, int *do_sample) {
                            "vesk_sample_layer: not sampling request due to rate limiting");
             bump(entry->token_bucket_exhaustion_count);
         } else {
-            VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH, "vesk_sample_layer: sampling request");
+            VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH,
+                           "vesk_sample_layer: sampling request");
             bump(entry->trace_count);
         }
     }
@@ -386,7 +398,8 @@ int trigger_trace(const Resolved &res, int signature_good, int *do_sample) {
     vesk_bucket_t *bucket = &res.cfg->bucket[signature_good ? VESK_BUCKET_RELAXED : VESK_BUCKET_STRICT];
     *do_sample = vesk_bucket_consume(bucket);
     if (*do_sample) {
-        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH, "vesk_sample_layer: trigger tracing request");
+        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_SETTINGS, VESK_DEBUG_HIGH,
+                       "vesk_sample_layer: trigger tracing request");
         if (res.entry) {
             bump(res.entry->triggered_count);
             bump(res.entry->trace_count);

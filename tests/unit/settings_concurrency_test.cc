@@ -40,7 +40,8 @@ TEST(SettingsConcurrency, WritersReadersAndCountersAgree) {
                 unsigned ts = static_cast<unsigned>(i);
                 switch (i % 3) {
                     case 0:
-                        vesk_settings_add(name.c_str(), 3, i % 1000001, 0x04, ts, 60, kCaps, kRates, "key", i % 2);
+                        vesk_settings_add(name.c_str(), 3, i % 1000001, 0x04, ts, 60, kCaps, kRates, "key",
+                                          i % 2);
                         break;
                     case 1:
                         vesk_settings_update(name.c_str(), 3, 1000000, 0x0C, ts, 60, kCaps, kRates, nullptr);
@@ -114,10 +115,12 @@ TEST(SettingsConcurrency, WritersReadersAndCountersAgree) {
     // Every bump shows up exactly once across the documents.
     std::vector<std::string> lines = corvidine_test::decode_bson(documents);
     ASSERT_GE(lines.size(), 2u);
-    std::regex element("\\[\"SN\", \\[\"string\", \"(c\\d)\"\\]\\]\\]\\]\\], \\[\"value\", \\[\"int32\", (\\d+)\\]\\]");
+    std::regex element(
+        "\\[\"SN\", \\[\"string\", \"(c\\d)\"\\]\\]\\]\\]\\], \\[\"value\", \\[\"int32\", (\\d+)\\]\\]");
     long total = 0;
     for (const std::string &line : lines)
-        for (auto m = std::sregex_iterator(line.begin(), line.end(), element); m != std::sregex_iterator(); ++m)
+        for (auto m = std::sregex_iterator(line.begin(), line.end(), element); m != std::sregex_iterator();
+             ++m)
             total += std::stol((*m)[2]);
     EXPECT_EQ(static_cast<long>(kBumpers) * kBumps, total);
     for (int j = 0; j < kCounterNames; ++j)

@@ -76,19 +76,25 @@ T at(size_t offset) {
     memcpy(&v, vesk_shm_base + offset, sizeof(T));
     return v;
 }
-std::string str_at(size_t offset) { return std::string(vesk_shm_base + offset); }
+std::string str_at(size_t offset) {
+    return std::string(vesk_shm_base + offset);
+}
 
-size_t record_offset(int i) { return 8 + static_cast<size_t>(i) * 584; }
-size_t entry_offset(int i) { return 72424 + static_cast<size_t>(i) * 296; }
+size_t record_offset(int i) {
+    return 8 + static_cast<size_t>(i) * 584;
+}
+size_t entry_offset(int i) {
+    return 72424 + static_cast<size_t>(i) * 296;
+}
 
 int add_layer(const std::string &name, unsigned timestamp = 100, unsigned value = 5000, int flags = 0x04) {
-    return vesk_settings_add(name.c_str(), VESK_SETTINGS_TYPE_LAYER_SAMPLE_RATE, value, flags, timestamp, 60, kCaps,
-                             kRates, "key", 0);
+    return vesk_settings_add(name.c_str(), VESK_SETTINGS_TYPE_LAYER_SAMPLE_RATE, value, flags, timestamp, 60,
+                             kCaps, kRates, "key", 0);
 }
 
 int add_default(unsigned timestamp = 100, unsigned value = 1000000, int flags = 0x14) {
-    return vesk_settings_add("", VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, value, flags, timestamp, 60, kCaps, kRates,
-                             nullptr, 0);
+    return vesk_settings_add("", VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, value, flags, timestamp, 60, kCaps,
+                             kRates, nullptr, 0);
 }
 
 enum class BlockKind { Local, Outside };
@@ -127,7 +133,8 @@ protected:
 
 INSTANTIATE_TEST_SUITE_P(Blocks, SettingsTable, ::testing::Values(BlockKind::Local, BlockKind::Outside),
                          [](const ::testing::TestParamInfo<BlockKind> &info) {
-                             return info.param == BlockKind::Local ? std::string("Local") : std::string("Outside");
+                             return info.param == BlockKind::Local ? std::string("Local")
+                                                                   : std::string("Outside");
                          });
 
 TEST_P(SettingsTable, BytesLieAtTheirOffsets) {
@@ -388,7 +395,8 @@ TEST_P(SettingsTable, LayerEntriesAreFoundOrTakenUntilAllAreUsed) {
     log.clear();
     EXPECT_EQ(nullptr, vesk_settings_entry_layer_get("one-too-many"));
     // Error the first time in the process, medium after (usage counter).
-    int level = log.level_of("Failed to allocate a bucket - rate limiting inoperative for service one-too-many\n");
+    int level =
+        log.level_of("Failed to allocate a bucket - rate limiting inoperative for service one-too-many\n");
     EXPECT_TRUE(level == VESK_DEBUG_ERROR || level == VESK_DEBUG_MEDIUM) << level;
 
     // Clearing the region frees every entry.
@@ -436,10 +444,14 @@ TEST_P(SettingsTable, CounterWritersEmitOneElementPerEntryAndReset) {
     vesk_settings_layer_entry_t *def = vesk_settings_entry_layer_get("");
     vesk_settings_layer_entry_t *svc = vesk_settings_entry_layer_get("shop");
     uint32_t vesk_settings_layer_entry_t::*fields[] = {
-        &vesk_settings_layer_entry_t::request_count,         &vesk_settings_layer_entry_t::token_bucket_exhaustion_count,
-        &vesk_settings_layer_entry_t::trace_count,           &vesk_settings_layer_entry_t::sample_count,
-        &vesk_settings_layer_entry_t::through_count,         &vesk_settings_layer_entry_t::through_ignored_count,
-        &vesk_settings_layer_entry_t::triggered_count,       &vesk_settings_layer_entry_t::sample_rate,
+        &vesk_settings_layer_entry_t::request_count,
+        &vesk_settings_layer_entry_t::token_bucket_exhaustion_count,
+        &vesk_settings_layer_entry_t::trace_count,
+        &vesk_settings_layer_entry_t::sample_count,
+        &vesk_settings_layer_entry_t::through_count,
+        &vesk_settings_layer_entry_t::through_ignored_count,
+        &vesk_settings_layer_entry_t::triggered_count,
+        &vesk_settings_layer_entry_t::sample_rate,
         &vesk_settings_layer_entry_t::sample_source};
     for (int f = 0; f < 9; ++f) {
         def->*fields[f] = 10 + f;
@@ -472,18 +484,25 @@ TEST_P(SettingsTable, CounterWritersEmitOneElementPerEntryAndReset) {
     EXPECT_NE(std::string::npos, lines[0].find("[\"m\", [\"array\""));
     std::vector<std::string> el = elements_of(lines[0]);
     ASSERT_EQ(18u, el.size()) << lines[0];
-    const char *names[] = {"RequestCount",       "TokenBucketExhaustionCount", "TraceCount",
-                           "SampleCount",        "ThroughTraceCount",          "ThroughIgnoredCount",
-                           "TriggeredCount",     "SampleRate",                 "SampleSource"};
+    const char *names[] = {"RequestCount",      "TokenBucketExhaustionCount", "TraceCount",     "SampleCount",
+                           "ThroughTraceCount", "ThroughIgnoredCount",        "TriggeredCount", "SampleRate",
+                           "SampleSource"};
     for (int f = 0; f < 9; ++f) {
         const std::string &d = el[2 * f];
         const std::string &s = el[2 * f + 1];
         std::string name = std::string("[\"name\", [\"string\", \"") + names[f] + "\"]]";
-        EXPECT_EQ(0u, d.find("[\"document\", " "[" + name)) << d;
-        EXPECT_EQ(0u, s.find("[\"document\", " "[" + name)) << s;
+        EXPECT_EQ(0u, d.find("[\"document\", "
+                             "[" +
+                             name))
+            << d;
+        EXPECT_EQ(0u, s.find("[\"document\", "
+                             "[" +
+                             name))
+            << s;
         // The default entry has an empty tags document; a named one has SN.
         EXPECT_NE(std::string::npos, d.find("[\"tags\", [\"document\", []]]")) << d;
-        EXPECT_NE(std::string::npos, s.find("[\"tags\", [\"document\", [[\"SN\", [\"string\", \"shop\"]]]]]")) << s;
+        EXPECT_NE(std::string::npos, s.find("[\"tags\", [\"document\", [[\"SN\", [\"string\", \"shop\"]]]]]"))
+            << s;
         EXPECT_NE(std::string::npos, d.find("[\"value\", [\"int32\", " + std::to_string(10 + f) + "]")) << d;
         std::string sv = f == 0 ? "-1" : std::to_string(100 + f);
         EXPECT_NE(std::string::npos, s.find("[\"value\", [\"int32\", " + sv + "]")) << s;
@@ -510,7 +529,9 @@ TEST_P(SettingsTable, CounterWriterKeysPastNineHundredNinetyNine) {
     // Raw key check: the element key is the index cut to three digits.
     std::string bytes(b.data, vesk_bson_buffer_size(&b));
     vesk_bson_buffer_destroy(&b);
-    EXPECT_NE(std::string::npos, bytes.find(std::string("\x03" "123\0", 5)));
+    EXPECT_NE(std::string::npos, bytes.find(std::string("\x03"
+                                                        "123\0",
+                                                        5)));
     EXPECT_EQ(1u, corvidine_test::decode_bson(bytes).size());
 }
 
@@ -631,7 +652,8 @@ corvidine_test::CaptureReporter *SettingsReady::reporter = nullptr;
 
 long elapsed_ms(std::chrono::steady_clock::time_point since) {
     return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since).count());
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since)
+            .count());
 }
 
 TEST_F(SettingsReady, WaitsForTheDefaultRecordThenAsksTheReporter) {

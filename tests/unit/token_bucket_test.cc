@@ -31,7 +31,8 @@ protected:
     void TearDown() override { _vesk_clock_set(nullptr); }
 
     // A bucket as a refresh leaves it; rate in tokens per second.
-    static vesk_bucket_t make(float available, double capacity, double per_second, long sec = 1000, long usec = 0) {
+    static vesk_bucket_t make(float available, double capacity, double per_second, long sec = 1000,
+                              long usec = 0) {
         vesk_bucket_t b;
         b.available = available;
         b.capacity = capacity;

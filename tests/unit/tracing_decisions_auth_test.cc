@@ -60,7 +60,8 @@ std::string openssl_hmac(const std::string &key, const std::string &data) {
 }
 
 std::string upper(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(toupper(c)); });
+    std::transform(s.begin(), s.end(), s.begin(),
+                   [](unsigned char c) { return static_cast<char>(toupper(c)); });
     return s;
 }
 
@@ -84,7 +85,8 @@ protected:
         _vesk_settings_reset();
         vesk_settings_cfg_init(vesk_settings_cfg_get());
         const double caps[3] = {100, relaxed, strict}, rates[3] = {0, 0, 0};
-        ASSERT_EQ(0, vesk_settings_add("", 2, 1000000, 0x14, 100, 60, caps, rates, key[0] ? key : nullptr, 0));
+        ASSERT_EQ(0,
+                  vesk_settings_add("", 2, 1000000, 0x14, 100, 60, caps, rates, key[0] ? key : nullptr, 0));
     }
 
     int decide(const char *options, const char *signature, long timestamp, int request_type,
@@ -200,7 +202,8 @@ TEST_F(Signatures, KeyComesFromTheResolvedRecordAndMayBeLong) {
     vesk_tracing_decisions_out_t out;
     EXPECT_EQ(0, decide(options.c_str(), good.c_str(), kNow, 1, &out));
     EXPECT_EQ(0, out.auth_status);
-    EXPECT_EQ(-5, decide(options.c_str(), default_signed.c_str(), kNow, 1, &out)) << "the default's key is not used";
+    EXPECT_EQ(-5, decide(options.c_str(), default_signed.c_str(), kNow, 1, &out))
+        << "the default's key is not used";
     EXPECT_EQ(2, out.auth_status);
 }
 

@@ -45,8 +45,12 @@ struct LogCapture {
     }
 };
 
-int ready_yes(void *) { return 1; }
-int ready_no(void *) { return 0; }
+int ready_yes(void *) {
+    return 1;
+}
+int ready_no(void *) {
+    return 0;
+}
 
 // The remote record; type 0 means none.
 struct R {
@@ -113,8 +117,8 @@ protected:
 
     static void add_record(const R &r, unsigned timestamp = 100, const char *layer = "svc") {
         if (r.type == 0) return;
-        ASSERT_EQ(0, vesk_settings_add(r.type == 2 ? "" : layer, r.type, r.value, r.flags, timestamp, 60, r.caps,
-                                       r.rates, nullptr, 0));
+        ASSERT_EQ(0, vesk_settings_add(r.type == 2 ? "" : layer, r.type, r.value, r.flags, timestamp, 60,
+                                       r.caps, r.rates, nullptr, 0));
     }
 
     static vesk_tracing_decisions_in_t make_in(const I &i, const char *service = "svc") {
@@ -184,12 +188,14 @@ protected:
             EXPECT_EQ(c.counts.request, e->request_count) << "request_count";
             EXPECT_EQ(c.counts.sample, e->sample_count) << "sample_count";
             // Where the dice decides, a trace is counted exactly when sampled.
-            unsigned want_trace = c.counts.trace == kAny ? static_cast<unsigned>(out.do_sample) : c.counts.trace;
+            unsigned want_trace =
+                c.counts.trace == kAny ? static_cast<unsigned>(out.do_sample) : c.counts.trace;
             EXPECT_EQ(want_trace, e->trace_count) << "trace_count";
             EXPECT_EQ(c.counts.through, e->through_count) << "through_count";
             EXPECT_EQ(c.counts.through_ignored, e->through_ignored_count) << "through_ignored_count";
             EXPECT_EQ(c.counts.triggered, e->triggered_count) << "triggered_count";
-            EXPECT_EQ(c.counts.exhausted, e->token_bucket_exhaustion_count) << "token_bucket_exhaustion_count";
+            EXPECT_EQ(c.counts.exhausted, e->token_bucket_exhaustion_count)
+                << "token_bucket_exhaustion_count";
         }
     }
 
@@ -229,7 +235,8 @@ R default_record(unsigned value, int flags) {
 // outcome; the dice's randomness has its own test below.
 TEST_F(Decisions, DicePath) {
     run_cases({
-        {"default record samples a new trace", R{}, L{}, I{}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
+        {"default record samples a new trace", R{}, L{}, I{}, E{0, 1, 1, 0, 1000000, 6},
+         C{1, 1, 1, 0, 0, 0, 0}},
         {"layer record wins over default", layer_record(1000000, 0x14), L{}, I{}, E{0, 1, 1, 0, 1000000, 3},
          C{1, 1, 1, 0, 0, 0, 0}},
         {"custom rate beats local and remote", default_record(0, 0x14), L{1, 5}, I{XT::None, 1000000},
@@ -240,8 +247,8 @@ TEST_F(Decisions, DicePath) {
          E{0, -1, 1, 0, 500000, 6}, C{1, 1, kAny, 0, 0, 0, 0}},
         {"OVERRIDE of a layer caps with source 3", layer_record(500000, 0x16), L{-1, 1000000}, I{},
          E{0, -1, 1, 0, 500000, 3}, C{1, 1, kAny, 0, 0, 0, 0}},
-        {"OVERRIDE at an equal rate takes the remote source", default_record(500000, 0x16), L{-1, 500000}, I{},
-         E{0, -1, 1, 0, 500000, 6}, C{1, 1, kAny, 0, 0, 0, 0}},
+        {"OVERRIDE at an equal rate takes the remote source", default_record(500000, 0x16), L{-1, 500000},
+         I{}, E{0, -1, 1, 0, 500000, 6}, C{1, 1, kAny, 0, 0, 0, 0}},
         {"OVERRIDE keeps a lower local rate", default_record(500000, 0x16), L{-1, 100000}, I{},
          E{0, -1, 1, 0, 100000, 1}, C{1, 1, kAny, 0, 0, 0, 0}},
         {"OVERRIDE caps even the custom rate", default_record(400000, 0x16), L{}, I{XT::None, 1000000},
@@ -250,15 +257,15 @@ TEST_F(Decisions, DicePath) {
          E{0, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 1, 0, 0}},
         {"THROUGH_ALWAYS alone: start request ignored", default_record(1000000, 0x10), L{}, I{},
          E{0, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 1, 0, 0}},
-        {"main bucket empty: dice yes, no token", with_caps(R{}, 0, 100, 100), L{}, I{}, E{0, 0, 1, 0, 1000000, 6},
-         C{1, 1, 0, 0, 0, 0, 1}},
+        {"main bucket empty: dice yes, no token", with_caps(R{}, 0, 100, 100), L{}, I{},
+         E{0, 0, 1, 0, 1000000, 6}, C{1, 1, 0, 0, 0, 0, 1}},
         {"main bucket below one token", with_caps(R{}, 0.9, 100, 100), L{}, I{}, E{0, 0, 1, 0, 1000000, 6},
          C{1, 1, 0, 0, 0, 0, 1}},
-        {"remote flags 0: tracing disabled", default_record(1000000, 0), L{}, I{}, E{-2, 0, 0, -1, 1000000, 6},
-         C{1, 0, 0, 0, 0, 0, 0}},
+        {"remote flags 0: tracing disabled", default_record(1000000, 0), L{}, I{},
+         E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
         {"local mode 0 disables", R{}, L{0}, I{}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"local mode 1 enables over remote 0", default_record(1000000, 0), L{1}, I{}, E{0, 1, 1, 0, 1000000, 6},
-         C{1, 1, 1, 0, 0, 0, 0}},
+        {"local mode 1 enables over remote 0", default_record(1000000, 0), L{1}, I{},
+         E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
         {"custom mode 0 beats local 1", R{}, L{1}, I{XT::None, -1, 0}, E{-2, 0, 0, -1, 1000000, 6},
          C{1, 0, 0, 0, 0, 0, 0}},
         {"custom mode 1 beats local 0", R{}, L{0}, I{XT::None, -1, 1}, E{0, 1, 1, 0, 1000000, 6},
@@ -276,7 +283,8 @@ TEST_F(Decisions, ThroughPath) {
          I{XT::Sampled}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
         {"neither through flag: not continued", default_record(1000000, 0x04), L{}, I{XT::Sampled},
          E{0, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"incoming not sampled", R{}, L{}, I{XT::NotSampled}, E{-1, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
+        {"incoming not sampled", R{}, L{}, I{XT::NotSampled}, E{-1, 0, 1, 0, 1000000, 6},
+         C{1, 0, 0, 0, 0, 0, 0}},
         {"wrong version counts as absent", R{}, L{}, I{XT::Version1}, E{0, 1, 1, 0, 1000000, 6},
          C{1, 1, 1, 0, 0, 0, 0}},
         {"lower-case hex counts as absent", R{}, L{}, I{XT::LowerCase}, E{0, 1, 1, 0, 1000000, 6},
@@ -306,10 +314,10 @@ TEST_F(Decisions, TriggerPath) {
          I{XT::None, -1, -1, -1, 1}, E{0, 1, 1, 1, 0, 0}, C{1, 0, 1, 0, 0, 1, 0}},
         {"OVERRIDE without TRIGGER_TRACE takes it away", default_record(1000000, 0x16), L{},
          I{XT::None, -1, -1, -1, 1}, E{-3, 0, 1, -1, 0, 0}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"OVERRIDE with TRIGGER_TRACE keeps it", default_record(1000000, 0x36), L{}, I{XT::None, -1, -1, -1, 1},
-         E{0, 1, 1, 1, 0, 0}, C{1, 0, 1, 0, 0, 1, 0}},
-        {"tracing disabled stops before trigger", default_record(1000000, 0x20), L{}, I{XT::None, -1, -1, -1, 1},
-         E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
+        {"OVERRIDE with TRIGGER_TRACE keeps it", default_record(1000000, 0x36), L{},
+         I{XT::None, -1, -1, -1, 1}, E{0, 1, 1, 1, 0, 0}, C{1, 0, 1, 0, 0, 1, 0}},
+        {"tracing disabled stops before trigger", default_record(1000000, 0x20), L{},
+         I{XT::None, -1, -1, -1, 1}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
         {"request_type -1 is ordinary", R{}, L{}, I{XT::None, -1, -1, -1, -1}, E{0, 1, 1, 0, 1000000, 6},
          C{1, 1, 1, 0, 0, 0, 0}},
     });
@@ -473,8 +481,10 @@ TEST_F(Decisions, ServiceBeyondTheLastEntryIsDecidedWithoutCounters) {
     EXPECT_EQ(1, out.do_sample) << "no entry: no bucket is consulted";
     EXPECT_EQ(nullptr, vesk_settings_entry_layer_get("latecomer"));
     for (int i = 0; i < VESK_SETTINGS_MAX_LAYERS; ++i) {
-        vesk_settings_layer_entry_t *e = vesk_settings_entry_layer_get(("filler" + std::to_string(i)).c_str());
-        ASSERT_EQ(0u, e->request_count + e->sample_count + e->trace_count) << "counted in someone else's entry";
+        vesk_settings_layer_entry_t *e =
+            vesk_settings_entry_layer_get(("filler" + std::to_string(i)).c_str());
+        ASSERT_EQ(0u, e->request_count + e->sample_count + e->trace_count)
+            << "counted in someone else's entry";
     }
     // Trigger trace still works through its bucket's answer.
     EXPECT_EQ(-4, decide(I{XT::None, -1, -1, -1, 1}, &out, "latecomer"));
@@ -574,12 +584,12 @@ TEST_F(Decisions, GarbageXTraceIsTreatedAsAbsent) {
     std::vector<std::string> garbage = {
         "",
         "2B",
-        std::string(kSampled) + "00",                     // longer than its header says
-        std::string(kSampled).substr(0, 59),              // odd length
-        std::string(kSampled).substr(0, 58),              // shorter than its header says
+        std::string(kSampled) + "00",         // longer than its header says
+        std::string(kSampled).substr(0, 59),  // odd length
+        std::string(kSampled).substr(0, 58),  // shorter than its header says
         "ZZ0123456789ABCDEF0123456789ABCDEF0123456789ABCDEF0123456701",
-        std::string(2000, 'A'),                           // beyond the longest string form
-        std::string(1 << 20, '2'),                        // a megabyte
+        std::string(2000, 'A'),     // beyond the longest string form
+        std::string(1 << 20, '2'),  // a megabyte
         kLowerCase,
         kVersion1,
         "2B0000000000000000000000000000000000000000000000000000000001 ",
@@ -642,12 +652,20 @@ TEST(DecisionTexts, EveryCodeHasItsText) {
         {-6, "unknown-status-code"},
         {-99, "unknown-status-code"},
     };
-    for (const auto &s : status) EXPECT_STREQ(s.second, vesk_get_tracing_decisions_message(s.first)) << s.first;
+    for (const auto &s : status)
+        EXPECT_STREQ(s.second, vesk_get_tracing_decisions_message(s.first)) << s.first;
     const std::pair<int, const char *> auth[] = {
-        {-2, "not-checked"},   {-1, ""},           {0, "ok"}, {1, "no-signature-key"}, {2, "bad-signature"},
-        {3, "bad-timestamp"}, {4, "unknown-status-code"}, {-3, "unknown-status-code"},
+        {-2, "not-checked"},
+        {-1, ""},
+        {0, "ok"},
+        {1, "no-signature-key"},
+        {2, "bad-signature"},
+        {3, "bad-timestamp"},
+        {4, "unknown-status-code"},
+        {-3, "unknown-status-code"},
     };
-    for (const auto &a : auth) EXPECT_STREQ(a.second, vesk_get_tracing_decisions_auth_message(a.first)) << a.first;
+    for (const auto &a : auth)
+        EXPECT_STREQ(a.second, vesk_get_tracing_decisions_auth_message(a.first)) << a.first;
 }
 
 }  // namespace

@@ -127,8 +127,9 @@ vesk_settings_t *vesk_settings_inspect(uint32_t *magic, uint16_t *version, uint8
 
 vesk_settings_t *vesk_settings_get(int type, const char *layer);
 /* 0, -1 no table, -2 exists already or no place left. */
-int vesk_settings_add(const char *layer, int type, unsigned value, int flags, unsigned timestamp, unsigned ttl,
-                      const double capacity[3], const double rate[3], const char *key, int touch_default);
+int vesk_settings_add(const char *layer, int type, unsigned value, int flags, unsigned timestamp,
+                      unsigned ttl, const double capacity[3], const double rate[3], const char *key,
+                      int touch_default);
 /* 0, or -2 when there is no such record. A null key keeps the old key. */
 int vesk_settings_update(const char *layer, int type, unsigned value, int flags, unsigned timestamp,
                          unsigned ttl, const double capacity[3], const double rate[3], const char *key);
@@ -136,7 +137,8 @@ int vesk_settings_update(const char *layer, int type, unsigned value, int flags,
 int vesk_settings_delete(int type, const char *layer);
 vesk_settings_t *vesk_settings_get_layer_sample_rate(const char *layer);
 /* 0 ok, -1 flagged invalid, -2 null / bad magic / bad value. */
-int vesk_settings_get_value(const vesk_settings_t *record, unsigned *value, uint16_t *flags, unsigned *timestamp);
+int vesk_settings_get_value(const vesk_settings_t *record, unsigned *value, uint16_t *flags,
+                            unsigned *timestamp);
 /* Waits up to wait_ms for a default record; the reporter's server response. */
 int vesk_is_ready(unsigned wait_ms);
 
