@@ -89,7 +89,8 @@ int vesk_module_log_level(int module) {
 }
 
 int vesk_debug_usage_level(int *counter, int base_level) {
-    int count = ++*counter;
+    // Atomic so that concurrent failures at one site are counted, not raced.
+    int count = __atomic_add_fetch(counter, 1, __ATOMIC_RELAXED);
     return count < 2 ? base_level : VESK_DEBUG_MEDIUM;
 }
 

@@ -153,7 +153,7 @@ int vesk_event_add_hostname(vesk_event_t *evt) {
 }
 
 int vesk_event_send(int channel, vesk_event_t *evt, vesk_metadata_t *md) {
-    if (vesk_reporter_pid() != getpid()) vesk_init(nullptr);  // a forked child gets its own reporter
+    if (vesk_reporter_pid() != vesk_current_pid()) vesk_init(nullptr);  // a forked child gets its own reporter
     if (evt == nullptr || md == nullptr) {
         VESK_DEBUG_LOG(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_HIGH, "Send failed - missing parameters");
         return VESK_SEND_MISSING_PARAMETERS;

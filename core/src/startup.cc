@@ -7,6 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <mutex>
 
 #include "corvidine/bson.h"
@@ -30,6 +31,24 @@ char g_hostname[VESK_HOSTNAME_SIZE];
 vesk_internal_stats_t g_stats = {1, 0, 0, 0, 0, 0};
 
 const char kVersionString[] = "7.0.1";
+
+// The process id, asked of the kernel once per process: the fork checks run
+// on every decision and every send. A fork clears it in the child.
+std::atomic<pid_t> g_cached_pid{0};
+pthread_once_t g_pid_once = PTHREAD_ONCE_INIT;
+
+void forget_pid_in_child() { g_cached_pid.store(0, std::memory_order_relaxed); }
+void register_pid_atfork() { pthread_atfork(nullptr, nullptr, forget_pid_in_child); }
+
+pid_t current_pid() {
+    pid_t pid = g_cached_pid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pthread_once(&g_pid_once, register_pid_atfork);
+        pid = getpid();
+        g_cached_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
 
 char *dup_or_null(const char *s) { return s ? strdup(s) : nullptr; }
 
@@ -89,7 +108,7 @@ void run_init_once() { pthread_once(&g_init_once, vesk_init_once); }
 
 // Throws away a reporter inherited from another process and starts afresh.
 void rebuild_if_forked() {
-    if (g_cur_reporter_pid != getpid()) {
+    if (g_cur_reporter_pid != current_pid()) {
         if (g_cur_reporter != nullptr) _vesk_destroy_reporter(g_cur_reporter);
         vesk_init(nullptr);
     }
@@ -131,7 +150,7 @@ void vesk_ensure_init(void) {
 int vesk_init_reporter(const char *protocol, const vesk_init_options_t *options) {
     run_init_once();
     std::lock_guard<std::mutex> lock(g_init_mutex);
-    if (g_cur_reporter_pid == getpid()) return -1;  // one reporter per process
+    if (g_cur_reporter_pid == current_pid()) return -1;  // one reporter per process
 
     g_cur_reporter = nullptr;
     free(g_cur_reporter_protocol);
@@ -173,7 +192,7 @@ int vesk_init_reporter(const char *protocol, const vesk_init_options_t *options)
     if (init == nullptr) {
         VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_ERROR, "Invalid Vesk protocol '%s' in INI - aborting",
                              name);
-        g_cur_reporter_pid = getpid();
+        g_cur_reporter_pid = current_pid();
         return 2;
     }
     VESK_DEBUG_LOG(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_LOW, "Initializing '%s' reporter", name);
@@ -183,17 +202,17 @@ int vesk_init_reporter(const char *protocol, const vesk_init_options_t *options)
         g_cur_reporter = &g_reporter;
         vesk_internal_stats_reporters_initialized_inc();
     }
-    g_cur_reporter_pid = getpid();
+    g_cur_reporter_pid = current_pid();
     return result;
 }
 
 vesk_reporter_t *vesk_reporter_get(void) {
-    if (g_cur_reporter == nullptr || g_cur_reporter_pid != getpid()) rebuild_if_forked();
+    if (g_cur_reporter == nullptr || g_cur_reporter_pid != current_pid()) rebuild_if_forked();
     return g_cur_reporter;
 }
 
 int vesk_reporter_is_ready(vesk_reporter_t *reporter) {
-    if (g_cur_reporter_pid != getpid()) rebuild_if_forked();
+    if (g_cur_reporter_pid != current_pid()) rebuild_if_forked();
     if (reporter == nullptr) reporter = g_cur_reporter;
     if (reporter == nullptr || reporter->context == nullptr) {
         VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_WARNING, "No valid reporter found");
@@ -281,6 +300,8 @@ void *vesk_reporter_get_context(vesk_reporter_t *reporter) {
 const vesk_init_options_t *vesk_init_options_get(void) { return g_cur_reporter_options; }
 
 pid_t vesk_reporter_pid(void) { return g_cur_reporter_pid; }
+
+pid_t vesk_current_pid(void) { return current_pid(); }
 
 const char *vesk_hostname_get(void) { return g_hostname; }
 

@@ -91,6 +91,8 @@ vesk_reporter_extended_t *vesk_reporter_get_extended(vesk_reporter_t *reporter);
 const vesk_init_options_t *vesk_init_options_get(void);
 /* The process the current reporter was made in; 0 before start or after shutdown. */
 pid_t vesk_reporter_pid(void);
+/* This process's id, cached; a fork makes the child ask again. Any thread. */
+pid_t vesk_current_pid(void);
 /* Host name taken at start, "?" when none. */
 const char *vesk_hostname_get(void);
 
