@@ -59,10 +59,9 @@ if [ "$FLAVOUR" = nts ]; then
 else
   # shellcheck source=php-zts/env.sh
   . "$ROOT/tools/php-zts/env.sh"
-  if [ ! -x "$PHP_ZTS_BIN" ] || [ ! -x "$PHP_ZTS_PHPIZE" ]; then
-    log "no ZTS PHP in $PHP_ZTS_PREFIX yet: building it (several minutes)"
-    "$ROOT/tools/php-zts/build.sh" "$PHP_ZTS_PREFIX"
-  fi
+  # build.sh returns at once when its stamp says the build is complete and
+  # current; otherwise it (re)builds, which takes several minutes.
+  "$ROOT/tools/php-zts/build.sh" "$PHP_ZTS_PREFIX"
   PHPIZE=$PHP_ZTS_PHPIZE
   PHP_CONFIG=$PHP_ZTS_CONFIG
   PHP=$PHP_ZTS_BIN
