@@ -12,6 +12,7 @@ from bson.codec_options import CodecOptions
 from bson.son import SON
 
 HIDDEN = {"_V", "X-Trace", "Edge", "TID", "Timestamp_u", "Hostname"}
+MEMORY = ("Memory-Used", "Memory-Peak", "Memory-Used-Real", "Memory-Peak-Real")
 
 
 def load(paths):
@@ -53,9 +54,12 @@ def show(docs, out=sys.stdout):
             layer = e.get("Layer", "")
             t = (e.get("Timestamp_u", start) - start) / 1000.0
             out.write("  %s+%8.3f ms  %-6s %-14s op %s\n" % ("  " * depth, t, label, layer, e["X-Trace"][42:58]))
+            pad = "  " * depth + " " * 15
             for k, v in e.items():
-                if k not in HIDDEN and k not in ("Label", "Layer"):
-                    out.write("  %s               %s = %s\n" % ("  " * depth, k, short(v)))
+                if k not in HIDDEN and k not in MEMORY and k not in ("Label", "Layer"):
+                    out.write("  %s%s = %s\n" % (pad, k, short(v)))
+            if "Memory-Used" in e:
+                out.write("  %smemory: used %s, peak %s bytes\n" % (pad, e["Memory-Used"], e.get("Memory-Peak")))
             for c in sorted(children.get(e["X-Trace"][42:58], []), key=lambda x: x.get("Timestamp_u", 0)):
                 walk(c, depth + 1)
 

@@ -14,6 +14,12 @@
 namespace {
 
 // The event ignores additions once its identifier is unusable.
+// The kernel's thread id, asked once per thread.
+int64_t thread_id() {
+    static thread_local int64_t tid = static_cast<int64_t>(syscall(SYS_gettid));
+    return tid;
+}
+
 bool accepts(const vesk_event_t *evt) { return vesk_metadata_is_valid(&evt->metadata) != 0; }
 
 int appended(const vesk_bson_buffer *result) { return result ? 0 : -1; }
@@ -141,7 +147,7 @@ int vesk_event_add_timestamp(vesk_event_t *evt) {
     if (!accepts(evt)) return 0;
     struct timeval tv;
     vesk_gettimeofday(&tv);
-    if (vesk_bson_append_long(&evt->buffer, "TID", static_cast<int64_t>(syscall(SYS_gettid))) == nullptr) return -1;
+    if (vesk_bson_append_long(&evt->buffer, "TID", thread_id()) == nullptr) return -1;
     int64_t usec = static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec;
     return appended(vesk_bson_append_long(&evt->buffer, "Timestamp_u", usec));
 }

@@ -1,10 +1,7 @@
 #!/usr/bin/env bash
-# `make run`: shows the agent doing its job. Until the PHP extension is built
-# into this demo, it shows the core alone: a small trace written by the file
-# reporter and read back with an independent BSON decoder.
+# `make run`: builds the extension against Debian's PHP 8.2 and shows it
+# tracing the demo shop served by nginx + php-fpm.
 set -euo pipefail
-build=${1:-build}
-out=$(mktemp -d /tmp/corvidine-demo-XXXXXX)
-"$build/corvidine_demo" "$out/trace.bson"
-echo "== events written by the file reporter to $out/trace.bson, decoded:"
-/usr/bin/python3 "$(dirname "$0")/../trace_view.py" "$out/trace.bson"
+root=$(cd "$(dirname "$0")/../.." && pwd)
+module=$(CORVIDINE_EXT_BUILD="$root/build-ext-demo" "$root/tools/test-ext.sh" nts --build-only | tail -n 1)
+exec /usr/bin/python3 "$root/tools/demo/serve_demo.py" "$module"
