@@ -14,9 +14,16 @@
 namespace {
 
 // The event ignores additions once its identifier is unusable.
-// The kernel's thread id, asked once per thread.
+// The kernel's thread id, asked once per thread and again after a fork (the
+// child's thread inherits the parent's thread-local copy).
 int64_t thread_id() {
-    static thread_local int64_t tid = static_cast<int64_t>(syscall(SYS_gettid));
+    static thread_local int64_t tid = 0;
+    static thread_local pid_t tid_pid = 0;
+    pid_t pid = vesk_current_pid();
+    if (tid_pid != pid) {
+        tid = static_cast<int64_t>(syscall(SYS_gettid));
+        tid_pid = pid;
+    }
     return tid;
 }
 
