@@ -158,7 +158,7 @@ int vesk_init_reporter(const char *protocol, const vesk_init_options_t *options)
 
     if (options != nullptr) {
         vesk_init_options_t *copy = copy_options(options);
-        if (copy != nullptr && options->service_key != nullptr) {
+        if (copy != nullptr && options->service_key != nullptr && options->service_key[0] != '\0') {
             // Keep the cleaned service name in the kept options.
             char *key = const_cast<char *>(copy->service_key);
             int length = static_cast<int>(strlen(key));

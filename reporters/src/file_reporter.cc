@@ -57,8 +57,10 @@ ssize_t file_send_single(vesk_file_descriptor *fd_record, const char *data, size
 
     char name[VESK_FILE_PATH_SIZE];
     // An overlong name is cut at the buffer; open then tells whether it works.
-    if (snprintf(name, sizeof(name), "%s-%" PRIu64, fd_record->path, usec) >= static_cast<int>(sizeof(name)))
-        name[sizeof(name) - 1] = '\0';
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-truncation"
+    snprintf(name, sizeof(name), "%s-%" PRIu64, fd_record->path, usec);
+#pragma GCC diagnostic pop
     int fd = open(name, kOpenFlags, kOpenMode);
     if (fd < 0) {
         VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_REPORTER_FILE, VESK_DEBUG_ERROR,
