@@ -94,6 +94,21 @@ def wrk(url, seconds, connections):
     return {"rps": rps, "requests": requests, "avg_us": avg, "p50_us": p50}
 
 
+def worker_cpu_ns(master_pid):
+    """CPU time the php-fpm workers have used so far, in nanoseconds
+    (/proc/PID/schedstat): less sensitive to other load on the machine than
+    requests per second."""
+    children = subprocess.run(["pgrep", "-P", str(master_pid)], capture_output=True, text=True).stdout.split()
+    total = 0
+    for pid in children:
+        try:
+            with open("/proc/%s/schedstat" % pid) as handle:
+                total += int(handle.read().split()[0])
+        except (FileNotFoundError, ProcessLookupError):
+            pass
+    return total
+
+
 def setups(listener):
     udp = {"CORVIDINE_REPORTER": "udp", "CORVIDINE_COLLECTOR": "127.0.0.1:%d" % listener.port,
            # Large buckets: the rate limit must not be what decides.
@@ -118,7 +133,9 @@ def measure(php, name, ini, env, load, listener):
             raise RuntimeError("%s: X-Trace header %s" % (name, "present" if has_header else "missing"))
         wrk(url, 2, CONNECTIONS)  # warm-up: workers, connections, caches
         before = listener.count()
+        cpu_before = worker_cpu_ns(server.processes[0].pid)
         load_run = wrk(url, SECONDS, CONNECTIONS)
+        load_run["cpu_us"] = (worker_cpu_ns(server.processes[0].pid) - cpu_before) / 1000.0 / load_run["requests"]
         latency_run = wrk(url, LATENCY_SECONDS, 1)
         server_crashes = server.crashes()
         if server_crashes:
@@ -139,9 +156,10 @@ def main(argv):
         for round_number in range(ROUNDS):
             for name, ini, env, load in setups(listener):
                 load_run, latency_run, datagrams, requests = measure(php, name, ini, env, load, listener)
-                print("round %d %-9s %9.0f req/s   latency avg %7.1f us  p50 %7.1f us   events %d for %d requests"
-                      % (round_number + 1, name, load_run["rps"], latency_run["avg_us"], latency_run["p50_us"],
-                         datagrams, requests), flush=True)
+                print("round %d %-9s %9.0f req/s   worker CPU %6.1f us/req   latency avg %7.1f us  p50 %7.1f us"
+                      "   events %d for %d requests"
+                      % (round_number + 1, name, load_run["rps"], load_run["cpu_us"], latency_run["avg_us"],
+                         latency_run["p50_us"], datagrams, requests), flush=True)
                 results.setdefault(name, []).append((load_run, latency_run, datagrams, requests))
     finally:
         listener.stop()
@@ -152,14 +170,17 @@ def main(argv):
     rps = {name: median(name, 0, "rps") for name in results}
     avg = {name: median(name, 1, "avg_us") for name in results}
     p50 = {name: median(name, 1, "p50_us") for name in results}
+    cpu = {name: median(name, 0, "cpu_us") for name in results}
     sampled_ratio = rps["sampled"] / rps["off"]
     unsampled_ratio = rps["unsampled"] / rps["off"]
     events_per_request = (sum(r[2] for r in results["sampled"]) / max(1, sum(r[3] for r in results["sampled"])))
 
     print()
-    print("%-10s %12s %8s %14s %14s" % ("setup", "req/s", "ratio", "lat avg (us)", "lat p50 (us)"))
+    print("%-10s %12s %8s %16s %14s %14s" % ("setup", "req/s", "ratio", "worker CPU (us)", "lat avg (us)",
+                                             "lat p50 (us)"))
     for name in ("off", "sampled", "unsampled"):
-        print("%-10s %12.0f %8.3f %14.1f %14.1f" % (name, rps[name], rps[name] / rps["off"], avg[name], p50[name]))
+        print("%-10s %12.0f %8.3f %16.1f %14.1f %14.1f" % (name, rps[name], rps[name] / rps["off"], cpu[name],
+                                                        avg[name], p50[name]))
     print()
     print("sampled:   %.3f of not loaded (target >= %.2f) %s"
           % (sampled_ratio, TARGET_SAMPLED, "met" if sampled_ratio >= TARGET_SAMPLED else "NOT met"))
@@ -167,6 +188,9 @@ def main(argv):
           % (unsampled_ratio, TARGET_UNSAMPLED, "met" if unsampled_ratio >= TARGET_UNSAMPLED else "NOT met"))
     print("added latency per sampled request: %.1f us (p50), %.1f us (avg); per unsampled: %.1f us (p50)"
           % (p50["sampled"] - p50["off"], avg["sampled"] - avg["off"], p50["unsampled"] - p50["off"]))
+    print("added worker CPU per request: %.1f us sampled, %.1f us unsampled (%.3f and %.3f of not loaded)"
+          % (cpu["sampled"] - cpu["off"], cpu["unsampled"] - cpu["off"], cpu["off"] / cpu["sampled"],
+             cpu["off"] / cpu["unsampled"]))
     print("events received per sampled request: %.2f (entry and exit: 2)" % events_per_request)
     return 0
 
