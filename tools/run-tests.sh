@@ -25,7 +25,7 @@ count() {
     p=0; f=0
   fi
   total_passed=$((total_passed + p)); total_failed=$((total_failed + f))
-  echo "$p passed, $f failed"
+  counted="$p passed, $f failed"
 }
 
 stage() {
@@ -33,16 +33,17 @@ stage() {
   local log="$logs/$name.log" start=$SECONDS
   printf '== %-18s ' "$name"
   if "$@" >"$log" 2>&1; then
-    printf 'ok     (%3ds)  %s\n' $((SECONDS - start)) "$(count "$log")"
+    count "$log"
+    printf 'ok     (%3ds)  %s\n' $((SECONDS - start)) "$counted"
   else
-    printf 'FAILED (%3ds)  %s\n' $((SECONDS - start)) "$(count "$log")"
+    count "$log"
+    printf 'FAILED (%3ds)  %s\n' $((SECONDS - start)) "$counted"
     failed_stages+=("$name")
     tail -n 60 "$log" | sed 's/^/   | /'
   fi
 }
 
 stage unit-asan        make --no-print-directory test-unit
-stage core-isolation   make --no-print-directory check-core-isolation
 stage unit-tsan        make --no-print-directory test-tsan
 stage wire             make --no-print-directory test-wire
 if [ -x tools/test-ext.sh ]; then
