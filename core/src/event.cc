@@ -2,6 +2,7 @@
 #include "corvidine/event.h"
 
 #include <assert.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -10,6 +11,7 @@
 #include "corvidine/debug_log.h"
 #include "corvidine/random.h"
 #include "corvidine/startup.h"
+#include "corvidine/utf8.h"
 
 namespace {
 
@@ -87,7 +89,18 @@ int vesk_event_add_info(vesk_event_t *evt, const char *key, const char *value) {
     assert(evt);
     assert(key);
     if (!accepts(evt) || value == nullptr) return 0;
-    return appended(vesk_bson_append_string(&evt->buffer, key, value));
+    size_t len = strlen(value);
+    if (vesk_utf8_valid_prefix(value, len) == len)
+        return appended(vesk_bson_append_string_n(&evt->buffer, key, value, len));
+    // Request data can carry any bytes; a BSON string must be UTF-8 or the
+    // whole document is lost to strict readers.
+    char small[256];
+    char *clean = len < sizeof(small) ? small : static_cast<char *>(malloc(len + 1));
+    if (clean == nullptr) return -1;
+    vesk_utf8_sanitize(value, len, clean);
+    int rc = appended(vesk_bson_append_string_n(&evt->buffer, key, clean, len));
+    if (clean != small) free(clean);
+    return rc;
 }
 
 int vesk_event_add_info_binary(vesk_event_t *evt, const char *key, const void *value, size_t len) {

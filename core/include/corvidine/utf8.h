@@ -1,0 +1,27 @@
+/*
+ * UTF-8 checks for text that reaches event documents from outside (request
+ * headers, URLs): BSON strings must be UTF-8, or strict readers refuse the
+ * whole document. Pure functions; any thread.
+ */
+#ifndef CORVIDINE_UTF8_H
+#define CORVIDINE_UTF8_H
+
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Length of the valid UTF-8 prefix of text[0..len). Equal to len when all of
+ * it is valid (overlong forms, surrogates and values above U+10FFFF are not). */
+size_t vesk_utf8_valid_prefix(const char *text, size_t len);
+
+/* Copies text into out (room for len + 1 bytes) with every byte that is not
+ * part of a valid sequence replaced by '?'; returns the length written. */
+size_t vesk_utf8_sanitize(const char *text, size_t len, char *out);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
