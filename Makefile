@@ -7,7 +7,7 @@ PYTHON ?= /usr/bin/python3
 
 TSAN_BUILD ?= build-tsan
 
-.PHONY: all deps build build-asan build-tsan run test test-unit test-tsan test-wire bench clean check-core-isolation
+.PHONY: bench-core bench-ext bench-http all deps build build-asan build-tsan run test test-unit test-tsan test-wire bench clean check-core-isolation
 
 all: build
 
@@ -52,10 +52,20 @@ test-tsan: build-tsan
 test: deps
 	@tools/run-tests.sh
 
-bench: deps
+# Every benchmark, each against a baseline measured in the same run.
+bench: bench-core bench-ext bench-http
+
+bench-core: deps
 	@cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DCORVIDINE_TESTS=OFF >/dev/null
 	@cmake --build $(BENCH_BUILD) -j$(JOBS)
 	@$(BENCH_BUILD)/core_bench --benchmark_min_time=0.2
+
+bench-ext: deps
+	@tools/bench-ext.sh nts
+	@tools/bench-events.sh nts
+
+bench-http: deps
+	@tools/bench-http.sh
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(TSAN_BUILD) build-logs
