@@ -68,7 +68,7 @@ echo json_encode(['ms' => $ms, 'check' => [$result, $counter->get(), $sum],
                   'jit' => ['enabled' => $jit['enabled'] ?? false, 'on' => $jit['on'] ?? false]]), "\n";
 PHP
 
-/usr/bin/python3 - "$PHP" "$SO" "$WORK" "$ROUNDS" <<'PY'
+PYTHONPATH="$ROOT/tests/support" /usr/bin/python3 - "$PHP" "$SO" "$WORK" "$ROUNDS" <<'PY'
 import json
 import os
 import re
@@ -153,9 +153,8 @@ else:
                 times[name].append((time.perf_counter() - t) * 1000)
     docs = 0
     if os.path.exists(trace):
-        import bson
-        with open(trace, "rb") as handle:
-            docs = sum(1 for d in bson.decode_all(handle.read()) if d.get("__Init") is True)
+        import bson_tools
+        docs = sum(1 for d in bson_tools.decode_file(trace) if d.get("__Init") is True)
     m0, m1 = statistics.median(times["without"]), statistics.median(times["with"])
     print("(hyperfine not installed: %d interleaved runs each)" % runs)
     print("without extension          median %6.2f ms   mean %6.2f ms" % (m0, statistics.mean(times["without"])))

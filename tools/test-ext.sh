@@ -91,8 +91,11 @@ link_files core/include
 link_files core/src \( -name '*.cc' -o -name '*.h' \)
 link_files reporters/include
 link_files reporters/src \( -name '*.cc' -o -name '*.h' \)
-rm -rf "$SRC/ext/tests"
+rm -rf "$SRC/ext/tests" "$SRC/tests/support"
 cp -r "$ROOT/ext/tests" "$SRC/ext/tests"
+# The helpers shared by all tests, at the same place relative to ext/tests.
+mkdir -p "$SRC/tests"
+cp -r "$ROOT/tests/support" "$SRC/tests/support"
 
 signature=$( (cd "$SRC" && find . -type l | LC_ALL=C sort; sha256sum "$ROOT/ext/config.m4"; echo "$PHPIZE") | sha256sum)
 cd "$SRC/ext"

@@ -7,9 +7,8 @@ Usage: trace_view.py FILE_OR_DIR...   (reads concatenated BSON documents)
 import os
 import sys
 
-import bson
-from bson.codec_options import CodecOptions
-from bson.son import SON
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tests", "support"))
+import bson_tools  # noqa: E402
 
 HIDDEN = {"_V", "X-Trace", "Edge", "TID", "Timestamp_u", "Hostname"}
 MEMORY = ("Memory-Used", "Memory-Peak", "Memory-Used-Real", "Memory-Peak-Real")
@@ -20,10 +19,7 @@ def load(paths):
     for path in paths:
         files = [os.path.join(path, f) for f in sorted(os.listdir(path))] if os.path.isdir(path) else [path]
         for name in files:
-            with open(name, "rb") as fh:
-                data = fh.read()
-            if data:
-                docs.extend(bson.decode_all(data, CodecOptions(document_class=SON)))
+            docs.extend(bson_tools.decode_file(name))
     return docs
 
 
@@ -42,7 +38,7 @@ def show(docs, out=sys.stdout):
         children = {}
         roots = []
         for e in events:
-            edges = [v for k, v in e.items() if k == "Edge"]
+            edges = e.getall("Edge")
             parent = next((p for p in edges if p in by_op), None)
             (children.setdefault(parent, []) if parent else roots).append(e)
         start = min(e.get("Timestamp_u", 0) for e in events)
@@ -55,7 +51,7 @@ def show(docs, out=sys.stdout):
             t = (e.get("Timestamp_u", start) - start) / 1000.0
             out.write("  %s+%8.3f ms  %-6s %-14s op %s\n" % ("  " * depth, t, label, layer, e["X-Trace"][42:58]))
             pad = "  " * depth + " " * 15
-            for k, v in e.items():
+            for k, v in e.pairs:
                 if k not in HIDDEN and k not in MEMORY and k not in ("Label", "Layer"):
                     out.write("  %s%s = %s\n" % (pad, k, short(v)))
             if "Memory-Used" in e:

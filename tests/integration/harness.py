@@ -15,14 +15,15 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 
-import bson
-from bson.codec_options import CodecOptions
 from bson.int64 import Int64
 
 HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(os.path.dirname(HERE), "support"))
+import bson_tools  # noqa: E402
 WWW = os.path.join(HERE, "www")
 # The key the local reporters install for trigger-trace signatures.
 SIGNATURE_KEY = b"k3Tq7XwPbnR2vLyd9HsA"
@@ -76,11 +77,7 @@ def wait_for_port(port, process, timeout=10.0):
 def decode_documents(path, lenient=False):
     """All documents of a file. lenient: strings that are not UTF-8 are
     decoded with replacement characters instead of failing."""
-    with open(path, "rb") as handle:
-        data = handle.read()
-    if lenient:
-        return bson.decode_all(data, CodecOptions(unicode_decode_error_handler="replace"))
-    return bson.decode_all(data)
+    return bson_tools.decode_file(path, "replace" if lenient else "strict")
 
 
 class Traces:

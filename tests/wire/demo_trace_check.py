@@ -7,14 +7,15 @@ import sys
 import tempfile
 
 import bson
-from bson.codec_options import CodecOptions
-from bson.son import SON
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "support"))
+import bson_tools  # noqa: E402
 
 build = sys.argv[1]
 with tempfile.TemporaryDirectory() as tmp:
     path = os.path.join(tmp, "trace.bson")
     subprocess.run([os.path.join(build, "corvidine_demo"), path], check=True)
-    docs = bson.decode_all(open(path, "rb").read(), CodecOptions(document_class=SON))
+    docs = bson_tools.decode_file(path)
 
 assert len(docs) == 4, docs
 tasks = {d["X-Trace"][2:42] for d in docs}

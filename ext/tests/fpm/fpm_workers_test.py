@@ -34,7 +34,8 @@ import tempfile
 import time
 import urllib.request
 
-import bson
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "..", "tests", "support"))
+import bson_tools  # noqa: E402
 
 NGINX = "/usr/sbin/nginx"
 WORKERS = 3
@@ -76,11 +77,6 @@ def info_rows(html):
     for _, name, _, value in re.findall(cells + cells, html):
         rows.setdefault(name, value)
     return rows
-
-
-def decode(path):
-    with open(path, "rb") as handle:
-        return bson.decode_all(handle.read())
 
 
 class Servers:
@@ -256,7 +252,7 @@ def main():
 
         # The master's document, written at module start.
         master_file = "%s%d" % (servers.trace_base, master_pid)
-        master_docs = decode(master_file) if os.path.exists(master_file) else []
+        master_docs = bson_tools.decode_file(master_file) if os.path.exists(master_file) else []
         inits = [d for d in master_docs if d.get("__Init") is True]
         checks.check(len(inits) == 1, "the master sent __Init once", len(inits))
         if inits:
@@ -269,7 +265,7 @@ def main():
             exists = os.path.exists(path)
             checks.check(exists, "worker %d rebuilt its reporter (%s)" % (pid, os.path.basename(path)))
             if exists:
-                resent = [d for d in decode(path) if d.get("__Init") is True]
+                resent = [d for d in bson_tools.decode_file(path) if d.get("__Init") is True]
                 checks.check(not resent, "worker %d did not send __Init again" % pid, len(resent))
         others = [p for p in glob.glob(servers.trace_base + "*")
                   if int(p[len(servers.trace_base):]) not in worker_pids | {master_pid}]

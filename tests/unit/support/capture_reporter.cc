@@ -64,7 +64,7 @@ std::vector<std::string> decode_bson(const std::string &bytes) {
         std::ofstream out(in, std::ios::binary);
         out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     }
-    std::string cmd = "/usr/bin/python3 " + source_path("tests/unit/support/bson_decode.py") + " " + in;
+    std::string cmd = "/usr/bin/python3 " + source_path("tests/support/bson_tools.py") + " json " + in;
     std::vector<std::string> lines;
     FILE *p = popen(cmd.c_str(), "r");
     if (p == nullptr) {
