@@ -1,6 +1,5 @@
 // File reporter against the real file system: what lands in the file, the
 // output path rule, single-file mode, open failures and the local settings.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -9,9 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,79 +19,26 @@
 #include "corvidine/settings.h"
 #include "corvidine/startup.h"
 #include "support/capture_reporter.h"
+#include "support/reporter_helpers.h"
 
 using corvidine_test::decode_bson;
+using corvidine_test::list_dir;
+using corvidine_test::LogCapture;
+using corvidine_test::LogLine;
 using corvidine_test::make_temp_dir;
+using corvidine_test::padded_document;
+using corvidine_test::read_file;
+using corvidine_test::send_event;
 
 namespace {
 
-struct LogLine {
-    int module;
-    int level;
-    std::string message;
-};
-
-// Collects what the reporters log, through the debug log's callback slots.
-class LogCapture {
-public:
-    LogCapture() {
-        saved_level_ = vesk_debug_log_level_get();
-        vesk_debug_log_level_set(VESK_DEBUG_MODULE_UNDEF, VESK_DEBUG_HIGH);
-        vesk_debug_log_add(&LogCapture::collect, this, VESK_DEBUG_HIGH);
-    }
-    ~LogCapture() {
-        vesk_debug_log_remove(&LogCapture::collect, this);
-        vesk_debug_log_level_set(VESK_DEBUG_MODULE_UNDEF, saved_level_);
-    }
-    const LogLine *find(const std::string &message) const {
-        for (const LogLine &line : lines_)
-            if (line.message == message) return &line;
-        return nullptr;
-    }
-    bool contains(const std::string &part) const {
-        for (const LogLine &line : lines_)
-            if (line.message.find(part) != std::string::npos) return true;
-        return false;
-    }
-    void clear() { lines_.clear(); }
-
-private:
-    static void collect(void *ctx, int module, int level, const char *, int, const char *message) {
-        static_cast<LogCapture *>(ctx)->lines_.push_back({module, level, message});
-    }
-    std::vector<LogLine> lines_;
-    int saved_level_;
-};
-
 vesk_init_options_t file_options(const char *host) {
-    vesk_init_options_t o;
-    o.version = VESK_INIT_OPTIONS_VERSION;
-    vesk_init_options_set_defaults(&o);
-    o.reporter = "file";
-    o.host = host;
-    return o;
-}
-
-std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return corvidine_test::init_options("file", host);
 }
 
 bool exists(const std::string &path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0;
-}
-
-std::vector<std::string> list_dir(const std::string &dir) {
-    std::vector<std::string> names;
-    DIR *d = opendir(dir.c_str());
-    if (d == nullptr) return names;
-    while (struct dirent *e = readdir(d))
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
-    closedir(d);
-    return names;
 }
 
 void remove_tree(const std::string &path) {
@@ -110,29 +54,6 @@ std::vector<std::string> keys_of(const std::string &decoded) {
     for (std::sregex_iterator it(decoded.begin(), decoded.end(), pair), end; it != end; ++it)
         keys.push_back((*it)[1]);
     return keys;
-}
-
-// Sends one event with a Layer and a sequence number through the registry.
-int send_event(vesk_metadata_t *md, const char *layer, int64_t seq) {
-    vesk_event_t evt;
-    if (vesk_metadata_create_event(md, &evt) != 0) return -999;
-    vesk_event_add_info(&evt, "Layer", layer);
-    vesk_event_add_info_int64(&evt, "Seq", seq);
-    int rc = vesk_event_send(VESK_SEND_EVENT, &evt, md);
-    vesk_event_destroy(&evt);
-    return rc;
-}
-
-// A small valid BSON document: {"n": <n>} padded by a string of `pad` bytes.
-std::string raw_document(int32_t n, size_t pad) {
-    vesk_bson_buffer b;
-    vesk_bson_buffer_init(&b);
-    vesk_bson_append_int(&b, "n", n);
-    vesk_bson_append_string(&b, "pad", std::string(pad, 'x').c_str());
-    const char *data = vesk_bson_buffer_finish(&b);  // before the size: finishing adds the last byte
-    std::string doc(data, vesk_bson_buffer_size(&b));
-    vesk_bson_buffer_destroy(&b);
-    return doc;
 }
 
 class FileReporterTest : public ::testing::Test {
@@ -172,7 +93,7 @@ TEST_F(FileReporterTest, EventsLandConcatenatedAndDecodeInOrder) {
         total += static_cast<size_t>(sent);
     }
     // Raw documents go through byte for byte, on any channel.
-    std::string status = raw_document(41, 10), profiling = raw_document(42, 3000);
+    std::string status = padded_document(41, 10), profiling = padded_document(42, 3000);
     EXPECT_EQ(static_cast<int>(status.size()), vesk_raw_send(VESK_SEND_STATUS, status.data(), status.size()));
     EXPECT_EQ(static_cast<int>(profiling.size()),
               vesk_raw_send(VESK_SEND_PROFILING, profiling.data(), profiling.size()));
@@ -220,7 +141,7 @@ TEST_F(FileReporterTest, ProcessIdIsAppendedWhenNoExtensionFollowsTheLastSeparat
         ASSERT_EQ(0, vesk_init(&o));
         auto *record = static_cast<vesk_file_descriptor *>(vesk_reporter_get_context(nullptr));
         ASSERT_NE(nullptr, record);
-        std::string doc = raw_document(1, 0);
+        std::string doc = padded_document(1, 0);
         EXPECT_EQ(static_cast<int>(doc.size()), vesk_raw_send(VESK_SEND_EVENT, doc.data(), doc.size()));
         vesk_shutdown();
         EXPECT_EQ(doc, read_file(c.expected_file));
@@ -298,7 +219,7 @@ TEST_F(FileReporterTest, SingleFileModeWritesOneFilePerDocument) {
 
     std::vector<std::string> sent;
     for (int i = 0; i < 3; ++i) {
-        sent.push_back(raw_document(i, static_cast<size_t>(i) * 100));
+        sent.push_back(padded_document(i, static_cast<size_t>(i) * 100));
         ASSERT_EQ(static_cast<int>(sent.back().size()),
                   vesk_raw_send(VESK_SEND_EVENT, sent.back().data(), sent.back().size()));
         usleep(2000);  // distinct microsecond stamps

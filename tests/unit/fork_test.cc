@@ -1,21 +1,14 @@
 // A real fork(): the child notices its new process id at its first event,
 // rebuilds the reporter from the kept options, and parent and child keep
 // writing, each to its own destination, without losing a document.
-#include <arpa/inet.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <string.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
+#include <optional>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,32 +17,18 @@
 #include "corvidine/metadata.h"
 #include "corvidine/startup.h"
 #include "support/capture_reporter.h"
+#include "support/reporter_helpers.h"
 
 using corvidine_test::decode_bson;
+using corvidine_test::list_dir;
 using corvidine_test::make_temp_dir;
+using corvidine_test::read_file;
+using corvidine_test::send_event;
+using corvidine_test::UdpListener;
 
 namespace {
 
 constexpr int kPerProcess = 40;
-
-vesk_init_options_t options(const char *reporter, const char *host) {
-    vesk_init_options_t o;
-    o.version = VESK_INIT_OPTIONS_VERSION;
-    vesk_init_options_set_defaults(&o);
-    o.reporter = reporter;
-    o.host = host;
-    return o;
-}
-
-int send_event(vesk_metadata_t *md, const char *layer, int64_t seq) {
-    vesk_event_t evt;
-    if (vesk_metadata_create_event(md, &evt) != 0) return -999;
-    vesk_event_add_info(&evt, "Layer", layer);
-    vesk_event_add_info_int64(&evt, "Seq", seq);
-    int rc = vesk_event_send(VESK_SEND_EVENT, &evt, md);
-    vesk_event_destroy(&evt);
-    return rc;
-}
 
 // In the child: send its share and report through the exit status, since
 // test assertions do not cross the process boundary.
@@ -89,24 +68,6 @@ std::vector<std::pair<std::string, int>> expected(const std::string &layer, int 
     return out;
 }
 
-std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-std::vector<std::string> list_dir(const std::string &dir) {
-    std::vector<std::string> names;
-    DIR *d = opendir(dir.c_str());
-    if (d == nullptr) return names;
-    while (struct dirent *e = readdir(d))
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
-    closedir(d);
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 class ForkTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -121,7 +82,7 @@ protected:
 TEST_F(ForkTest, FileReporterParentAndChildWriteTheirOwnFiles) {
     std::string dir = make_temp_dir();
     std::string host = dir + "/trace";  // no extension: each process gets its own file
-    vesk_init_options_t o = options("file", host.c_str());
+    vesk_init_options_t o = corvidine_test::init_options("file", host.c_str());
     ASSERT_EQ(0, vesk_init(&o));
     for (int i = 0; i < 5; ++i) ASSERT_GT(send_event(&md_, "parent", i), 0);
 
@@ -149,19 +110,11 @@ TEST_F(ForkTest, FileReporterParentAndChildWriteTheirOwnFiles) {
 }
 
 TEST_F(ForkTest, UdpReporterChildOpensItsOwnSocket) {
-    int listener = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ASSERT_GE(listener, 0);
-    int big = 1 << 20;
-    setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &big, sizeof(big));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)));
-    socklen_t len = sizeof(addr);
-    getsockname(listener, reinterpret_cast<sockaddr *>(&addr), &len);
-    std::string target = "127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+    UdpListener listener;
+    ASSERT_TRUE(listener.ok());
+    std::string target = listener.target();
 
-    vesk_init_options_t o = options("udp", target.c_str());
+    vesk_init_options_t o = corvidine_test::init_options("udp", target.c_str());
     ASSERT_EQ(0, vesk_init(&o));
     pid_t child = fork();
     ASSERT_GE(child, 0);
@@ -172,15 +125,11 @@ TEST_F(ForkTest, UdpReporterChildOpensItsOwnSocket) {
     // Whole datagrams, one document each, decode as one concatenated stream.
     std::string received;
     int datagrams = 0;
-    std::string buf(70000, '\0');
-    pollfd p{listener, POLLIN, 0};
-    while (poll(&p, 1, 500) == 1) {
-        ssize_t n = recv(listener, &buf[0], buf.size(), 0);
-        ASSERT_GT(n, 0);
-        received.append(buf, 0, static_cast<size_t>(n));
+    while (std::optional<std::string> datagram = listener.receive(500)) {
+        ASSERT_GT(datagram->size(), 0u);
+        received += *datagram;
         ++datagrams;
     }
-    close(listener);
     EXPECT_EQ(2 * kPerProcess, datagrams);
     std::map<std::string, std::vector<int>> seen;
     for (const auto &ls : layers_and_seqs(decode_bson(received))) seen[ls.first].push_back(ls.second);

@@ -1,13 +1,9 @@
 // UDP reporter against a real listener on loopback: one whole document per
 // datagram, the 65507-byte cut, no listener, the default target, and targets
 // that cannot be resolved or connected.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <optional>
@@ -21,90 +17,14 @@
 #include "corvidine/settings.h"
 #include "corvidine/startup.h"
 #include "support/capture_reporter.h"
+#include "support/reporter_helpers.h"
 
 using corvidine_test::decode_bson;
+using corvidine_test::LogCapture;
+using corvidine_test::LogLine;
+using corvidine_test::UdpListener;
 
 namespace {
-
-struct LogLine {
-    int module;
-    int level;
-    std::string message;
-};
-
-// Collects what the reporters log, through the debug log's callback slots.
-class LogCapture {
-public:
-    LogCapture() {
-        saved_level_ = vesk_debug_log_level_get();
-        vesk_debug_log_level_set(VESK_DEBUG_MODULE_UNDEF, VESK_DEBUG_HIGH);
-        vesk_debug_log_add(&LogCapture::collect, this, VESK_DEBUG_HIGH);
-    }
-    ~LogCapture() {
-        vesk_debug_log_remove(&LogCapture::collect, this);
-        vesk_debug_log_level_set(VESK_DEBUG_MODULE_UNDEF, saved_level_);
-    }
-    const LogLine *find(const std::string &message) const {
-        for (const LogLine &line : lines_)
-            if (line.message == message) return &line;
-        return nullptr;
-    }
-    bool contains(const std::string &part) const {
-        for (const LogLine &line : lines_)
-            if (line.message.find(part) != std::string::npos) return true;
-        return false;
-    }
-
-private:
-    static void collect(void *ctx, int module, int level, const char *, int, const char *message) {
-        static_cast<LogCapture *>(ctx)->lines_.push_back({module, level, message});
-    }
-    std::vector<LogLine> lines_;
-    int saved_level_;
-};
-
-// A datagram socket bound on 127.0.0.1; port 0 picks a free one.
-class UdpListener {
-public:
-    explicit UdpListener(uint16_t port = 0) {
-        fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        int big = 1 << 20;
-        setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof(big));
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(port);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
-            close(fd_);
-            fd_ = -1;
-            return;
-        }
-        socklen_t len = sizeof(addr);
-        getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &len);
-        port_ = ntohs(addr.sin_port);
-    }
-    ~UdpListener() {
-        if (fd_ >= 0) close(fd_);
-    }
-    bool ok() const { return fd_ >= 0; }
-    uint16_t port() const { return port_; }
-    std::string target() const { return "127.0.0.1:" + std::to_string(port_); }
-    // One datagram in full (MSG_TRUNC would show a larger one), or nothing
-    // after the timeout.
-    std::optional<std::string> receive(int timeout_ms = 2000) {
-        pollfd p{fd_, POLLIN, 0};
-        if (poll(&p, 1, timeout_ms) != 1) return std::nullopt;
-        std::string buf(100000, '\0');
-        ssize_t n = recv(fd_, &buf[0], buf.size(), MSG_TRUNC);
-        if (n < 0) return std::nullopt;
-        buf.resize(static_cast<size_t>(n));
-        return buf;
-    }
-
-private:
-    int fd_ = -1;
-    uint16_t port_ = 0;
-};
 
 // A port with nobody listening on it.
 uint16_t free_port() {
@@ -113,27 +33,12 @@ uint16_t free_port() {
 }
 
 vesk_init_options_t udp_options(const char *host) {
-    vesk_init_options_t o;
-    o.version = VESK_INIT_OPTIONS_VERSION;
-    vesk_init_options_set_defaults(&o);
-    o.reporter = "udp";
-    o.host = host;
-    return o;
+    return corvidine_test::init_options("udp", host);
 }
 
-// A valid BSON document of exactly `size` bytes (size >= 20).
+// A valid BSON document of exactly `size` bytes (size >= 22).
 std::string document_of_size(size_t size, int32_t n = 1) {
-    // int32 "n" element 7 bytes, string "pad" element 4 + 1 + 4 + len + 1 bytes,
-    // document head and tail 5 bytes.
-    size_t pad = size - 5 - 7 - 10;
-    vesk_bson_buffer b;
-    vesk_bson_buffer_init(&b);
-    vesk_bson_append_int(&b, "n", n);
-    vesk_bson_append_string(&b, "pad", std::string(pad, 'u').c_str());
-    const char *data = vesk_bson_buffer_finish(&b);  // before the size: finishing adds the last byte
-    std::string doc(data, vesk_bson_buffer_size(&b));
-    vesk_bson_buffer_destroy(&b);
-    return doc;
+    return corvidine_test::padded_document(n, size - 22);
 }
 
 class UdpReporterTest : public ::testing::Test {
@@ -151,15 +56,7 @@ protected:
         vesk_settings_delete(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, "");
     }
     void TearDown() override { vesk_shutdown(); }
-    int send_event(int64_t seq) {
-        vesk_event_t evt;
-        if (vesk_metadata_create_event(&md_, &evt) != 0) return -999;
-        vesk_event_add_info(&evt, "Layer", "udp-test");
-        vesk_event_add_info_int64(&evt, "Seq", seq);
-        int rc = vesk_event_send(VESK_SEND_EVENT, &evt, &md_);
-        vesk_event_destroy(&evt);
-        return rc;
-    }
+    int send_event(int64_t seq) { return corvidine_test::send_event(&md_, "udp-test", seq); }
     vesk_metadata_t md_;
 };
 
