@@ -18,6 +18,7 @@
 #include "corvidine/settings.h"
 #include "corvidine/token_bucket.h"
 #include "support/capture_reporter.h"
+#include "support/settings_fixture.h"
 
 namespace {
 
@@ -635,20 +636,10 @@ TEST_F(SettingsCfg, UsageCounterDemotesRepeatedWarnings) {
 
 // ---- Readiness -------------------------------------------------------------
 
-class SettingsReady : public ::testing::Test {
+class SettingsReady : public corvidine_test::SettingsFixture {
 protected:
-    static void SetUpTestSuite() { reporter = new corvidine_test::CaptureReporter(); }
-    static void TearDownTestSuite() {
-        delete reporter;
-        reporter = nullptr;
-    }
-    void SetUp() override {
-        ASSERT_EQ(0, vesk_settings_init_local());
-        _vesk_settings_reset();
-    }
-    static corvidine_test::CaptureReporter *reporter;
+    void SetUp() override { fresh_table(); }
 };
-corvidine_test::CaptureReporter *SettingsReady::reporter = nullptr;
 
 long elapsed_ms(std::chrono::steady_clock::time_point since) {
     return static_cast<long>(

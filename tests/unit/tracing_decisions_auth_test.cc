@@ -17,7 +17,7 @@
 #include "corvidine/settings.h"
 #include "corvidine/token_bucket.h"
 #include "corvidine/tracing_decisions.h"
-#include "support/capture_reporter.h"
+#include "support/settings_fixture.h"
 
 namespace {
 
@@ -65,16 +65,10 @@ std::string upper(std::string s) {
     return s;
 }
 
-class Signatures : public ::testing::Test {
+class Signatures : public corvidine_test::SettingsFixture {
 protected:
-    static void SetUpTestSuite() { reporter = new corvidine_test::CaptureReporter(); }
-    static void TearDownTestSuite() {
-        delete reporter;
-        reporter = nullptr;
-    }
     void SetUp() override {
         _vesk_clock_set(fixed_clock);
-        ASSERT_EQ(0, vesk_settings_init_local());
         reset("");
     }
     void TearDown() override { _vesk_clock_set(nullptr); }
@@ -82,8 +76,7 @@ protected:
     // Fresh table and configuration; the default record has the given key
     // and roomy buckets unless told otherwise.
     void reset(const char *key, double relaxed = 100, double strict = 100) {
-        _vesk_settings_reset();
-        vesk_settings_cfg_init(vesk_settings_cfg_get());
+        fresh_settings();
         const double caps[3] = {100, relaxed, strict}, rates[3] = {0, 0, 0};
         ASSERT_EQ(0,
                   vesk_settings_add("", 2, 1000000, 0x14, 100, 60, caps, rates, key[0] ? key : nullptr, 0));
@@ -91,24 +84,14 @@ protected:
 
     int decide(const char *options, const char *signature, long timestamp, int request_type,
                vesk_tracing_decisions_out_t *out) {
-        vesk_tracing_decisions_in_t in;
-        memset(&in, 0, sizeof(in));
-        in.version = 2;
-        in.service_name = "svc";
-        in.custom_sample_rate = -1;
-        in.custom_tracing_mode = -1;
-        in.custom_trigger_mode = -1;
-        in.request_type = request_type;
+        vesk_tracing_decisions_in_t in = corvidine_test::decisions_in("svc", request_type);
         in.header_options = options;
         in.header_signature = signature;
         in.header_timestamp = timestamp;
         memset(out, 0, sizeof(*out));
         return vesk_tracing_decisions(&in, out);
     }
-
-    static corvidine_test::CaptureReporter *reporter;
 };
-corvidine_test::CaptureReporter *Signatures::reporter = nullptr;
 
 TEST_F(Signatures, OutcomesOfTheCheck) {
     const std::string options = "trigger-trace;ts=1700000000;custom-key=value";

@@ -12,7 +12,7 @@
 #include "corvidine/settings.h"
 #include "corvidine/token_bucket.h"
 #include "corvidine/tracing_decisions.h"
-#include "support/capture_reporter.h"
+#include "support/settings_fixture.h"
 
 namespace {
 
@@ -26,31 +26,12 @@ void ticking_clock(struct timeval *tv) {
     tv->tv_usec = t % 1000000;
 }
 
-vesk_tracing_decisions_in_t make_in(const char *service, int request_type = 0) {
-    vesk_tracing_decisions_in_t in;
-    memset(&in, 0, sizeof(in));
-    in.version = 2;
-    in.service_name = service;
-    in.custom_sample_rate = -1;
-    in.custom_tracing_mode = -1;
-    in.custom_trigger_mode = -1;
-    in.request_type = request_type;
-    return in;
-}
-
-class DecisionsConcurrency : public ::testing::Test {
+class DecisionsConcurrency : public corvidine_test::SettingsFixture {
 protected:
-    static void SetUpTestSuite() { reporter = new corvidine_test::CaptureReporter(); }
-    static void TearDownTestSuite() {
-        delete reporter;
-        reporter = nullptr;
-    }
     void SetUp() override {
         g_ticks = 0;
         _vesk_clock_set(ticking_clock);
-        ASSERT_EQ(0, vesk_settings_init_local());
-        _vesk_settings_reset();
-        vesk_settings_cfg_init(vesk_settings_cfg_get());
+        fresh_settings();
     }
     void TearDown() override { _vesk_clock_set(nullptr); }
 
@@ -61,7 +42,7 @@ protected:
         std::vector<std::thread> pool;
         for (int t = 0; t < threads; ++t) {
             pool.emplace_back([&] {
-                vesk_tracing_decisions_in_t in = make_in("svc", request_type);
+                vesk_tracing_decisions_in_t in = corvidine_test::decisions_in("svc", request_type);
                 long mine = 0;
                 for (int i = 0; i < per_thread; ++i) {
                     vesk_tracing_decisions_out_t out;
@@ -77,10 +58,7 @@ protected:
         EXPECT_EQ(0, wrong.load());
         return sampled.load();
     }
-
-    static corvidine_test::CaptureReporter *reporter;
 };
-corvidine_test::CaptureReporter *DecisionsConcurrency::reporter = nullptr;
 
 TEST_F(DecisionsConcurrency, BucketWithoutRefillGivesExactlyItsCapacity) {
     const double caps[3] = {50, 0, 0}, rates[3] = {0, 0, 0};

@@ -14,7 +14,7 @@
 #include "corvidine/settings.h"
 #include "corvidine/token_bucket.h"
 #include "corvidine/tracing_decisions.h"
-#include "support/capture_reporter.h"
+#include "support/settings_fixture.h"
 
 namespace {
 
@@ -89,20 +89,13 @@ struct Case {
     C counts;
 };
 
-class Decisions : public ::testing::Test {
+class Decisions : public corvidine_test::SettingsFixture {
 protected:
-    static void SetUpTestSuite() { reporter = new corvidine_test::CaptureReporter(); }
-    static void TearDownTestSuite() {
-        delete reporter;
-        reporter = nullptr;
-    }
     void SetUp() override {
-        ASSERT_EQ(0, vesk_settings_init_local());
-        _vesk_settings_reset();
         _vesk_clock_set(fixed_clock);  // before the buckets take their creation time
         cfg = vesk_settings_cfg_get();
         ASSERT_NE(nullptr, cfg);
-        vesk_settings_cfg_init(cfg);
+        fresh_settings();
         vesk_debug_log_to_stream(nullptr);
         vesk_debug_log_level_set(0, VESK_DEBUG_HIGH);
         vesk_debug_log_add(&LogCapture::callback, &log, VESK_DEBUG_HIGH);
@@ -122,10 +115,7 @@ protected:
     }
 
     static vesk_tracing_decisions_in_t make_in(const I &i, const char *service = "svc") {
-        vesk_tracing_decisions_in_t in;
-        memset(&in, 0, sizeof(in));
-        in.version = 2;
-        in.service_name = service;
+        vesk_tracing_decisions_in_t in = corvidine_test::decisions_in(service, i.request_type);
         switch (i.xt) {
             case XT::None:
                 in.in_xtrace = nullptr;
@@ -146,7 +136,6 @@ protected:
         in.custom_sample_rate = i.custom_rate;
         in.custom_tracing_mode = i.custom_mode;
         in.custom_trigger_mode = i.custom_trigger;
-        in.request_type = i.request_type;
         return in;
     }
 
@@ -205,11 +194,9 @@ protected:
         return vesk_tracing_decisions(&in, out);
     }
 
-    static corvidine_test::CaptureReporter *reporter;
     vesk_settings_cfg_t *cfg = nullptr;
     LogCapture log;
 };
-corvidine_test::CaptureReporter *Decisions::reporter = nullptr;
 
 R layer_record(unsigned value, int flags) {
     R r;
