@@ -3,7 +3,7 @@
 #
 #   tests/integration/run.sh nts|zts [TEST-NAME-PATTERN...]
 #
-# Builds the extension for that PHP (in a private copy of the sources, see
+# Builds the extension for that PHP (in a build directory of its own, see
 # build-ext.sh; CORVIDINE_SO=path skips the build), then runs every test
 # under tests/integration: nginx + php-fpm (when the build has a php-fpm),
 # PHP's built-in server, the CLI, the header fuzzer and its valgrind pass.
