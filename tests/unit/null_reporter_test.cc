@@ -13,16 +13,11 @@
 #include "corvidine/metadata.h"
 #include "corvidine/settings.h"
 #include "corvidine/startup.h"
+#include "support/reporter_helpers.h"
+
+using corvidine_test::init_options;
 
 namespace {
-
-vesk_init_options_t reporter_options(const char *reporter) {
-    vesk_init_options_t o;
-    o.version = VESK_INIT_OPTIONS_VERSION;
-    vesk_init_options_set_defaults(&o);
-    o.reporter = reporter;
-    return o;
-}
 
 std::vector<std::string> g_messages;
 void collect(void *, int, int, const char *, int, const char *message) {
@@ -58,7 +53,7 @@ protected:
 
 // Runs first in this process, so the record it checks is the null reporter's.
 TEST_F(NullReporterTest, InstallsRateZeroWithOverride) {
-    vesk_init_options_t o = reporter_options("null");
+    vesk_init_options_t o = init_options("null");
     ASSERT_EQ(0, vesk_init(&o));
     const vesk_settings_t *s = vesk_settings_get(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, "");
     ASSERT_NE(nullptr, s);
@@ -77,7 +72,7 @@ TEST_F(NullReporterTest, InstallsRateZeroWithOverride) {
 }
 
 TEST_F(NullReporterTest, DropsEverythingAndReportsItTaken) {
-    vesk_init_options_t o = reporter_options("null");
+    vesk_init_options_t o = init_options("null");
     o.log_level = VESK_DEBUG_HIGH;
     ASSERT_EQ(0, vesk_init(&o));
     EXPECT_EQ(VESK_DEBUG_HIGH, vesk_debug_log_level_get());
@@ -119,7 +114,7 @@ TEST_F(NullReporterTest, DropsEverythingAndReportsItTaken) {
 TEST_F(NullReporterTest, RegistersItselfOnlyWhenNoReporterIsCurrent) {
     EXPECT_EQ(VESK_REPORTER_INIT_NO_TABLE, vesk_reporter_init_null(nullptr, nullptr));
 
-    vesk_init_options_t o = reporter_options("null");
+    vesk_init_options_t o = init_options("null");
     ASSERT_EQ(0, vesk_init(&o));
     vesk_reporter_t *current = vesk_reporter_get();
     vesk_reporter_t other;
@@ -141,7 +136,7 @@ TEST_F(NullReporterTest, RegistersItselfOnlyWhenNoReporterIsCurrent) {
 
 TEST_F(NullReporterTest, SslSelectionFailsCleanlyUntilTheCollectorReporterExists) {
     vesk_debug_log_level_set(VESK_DEBUG_MODULE_UNDEF, VESK_DEBUG_HIGH);
-    vesk_init_options_t o = reporter_options("ssl");
+    vesk_init_options_t o = init_options("ssl");
     EXPECT_EQ(VESK_REPORTER_INIT_NO_TABLE, vesk_init(&o));
     EXPECT_TRUE(logged("SSL reporter is not available in this build"));
     EXPECT_EQ(3, vesk_reporter_is_ready(nullptr));
@@ -172,7 +167,7 @@ TEST_F(NullReporterTest, OlderEntryPointsOnlyClearTheTable) {
     EXPECT_EQ(-1, vesk_reporter_udp_init_str(nullptr, nullptr));
     EXPECT_EQ(-1, vesk_reporter_ssl_init(nullptr, nullptr));
 
-    vesk_init_options_t o = reporter_options("null");
+    vesk_init_options_t o = init_options("null");
     ASSERT_EQ(0, vesk_init(&o));
     vesk_reporter_t *current = vesk_reporter_get();
     EXPECT_EQ(0, vesk_reporter_destroy(current));
