@@ -32,8 +32,8 @@ check-core-isolation:
 	@if grep -rnE '#\s*include\s*[<"](php|zend|main/|Zend/|TSRM)' core reporters; then \
 	  echo "core/reporters must not include PHP headers" >&2; exit 1; fi
 
-run: build
-	@tools/demo/run.sh $(BUILD)
+run: deps
+	@tools/demo/run.sh
 
 test-unit: build-asan check-core-isolation
 	@cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \

@@ -3,5 +3,7 @@
 # tracing the demo shop served by nginx + php-fpm.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
-module=$(CORVIDINE_EXT_BUILD="$root/build-ext-demo" "$root/tools/test-ext.sh" nts --build-only | tail -n 1)
+echo "== building the extension for PHP 8.2 (build-ext-demo/)"
+module=$(CORVIDINE_EXT_BUILD="$root/build-ext-demo" "$root/tools/test-ext.sh" nts --build-only 2>&1 | tail -n 1)
+[ -f "$module" ] || { echo "extension build failed: $module" >&2; exit 1; }
 exec /usr/bin/python3 "$root/tools/demo/serve_demo.py" "$module"

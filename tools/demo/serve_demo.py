@@ -53,8 +53,8 @@ def main():
         docs = server.traces.documents()
         init = [d for d in docs if d.get("__Init")]
         for d in init:
-            print("status __Init from %s: PHP %s, extension %s\n" % (d.get("Hostname"), d.get("PHP.Version"),
-                                                                    d.get("PHP.corvidine.Version")))
+            print("status __Init from %s: PHP %s, corvidine %s\n" % (d.get("Hostname"), d.get("PHP.Version"),
+                                                                    d.get("PHP.Corvidine.Version")))
         trace_view.show([d for d in docs if not d.get("__Init")])
         if server.crashes():
             print("php-fpm workers crashed: %s" % server.crashes())
