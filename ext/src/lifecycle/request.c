@@ -60,13 +60,10 @@ zend_result php_vesk_request_startup(void) {
     }
     VESK_G(do_metrics) = 0;
 
-    /* PHP fills _SERVER lazily (auto_globals_jit); ask for it now. */
-    if (!zend_is_auto_global_str(ZEND_STRL("_SERVER"))) {
+    if (php_vesk_cache_server_globals() != 0) {
         PHP_VESK_WARNING("vesk extension couldn't find _SERVER global");
         return FAILURE;
     }
-
-    php_vesk_cache_server_globals();
 
     array_init(&VESK_G(custom_kvs));
     php_vesk_request_service_name();

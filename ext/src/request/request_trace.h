@@ -25,8 +25,11 @@
 #define PHP_VESK_LOG_TRACE_ID_SIZE 43
 
 /* Copies the server variables that tracing reads into server_cache, plus
- * "PROTOCOL" ("https://" when "HTTPS" exists at all, else "http://"). */
-void php_vesk_cache_server_globals(void);
+ * "PROTOCOL" ("https://" when "HTTPS" exists at all, else "http://"): the
+ * values _SERVER holds, though under php-fpm and php-cgi they are read from
+ * where PHP would build _SERVER from, without building it. -1 when PHP has
+ * no _SERVER at all (the cache is then left as it was), else 0. */
+int php_vesk_cache_server_globals(void);
 
 /* A string from server_cache, or null when the key is absent or the cache
  * was never filled. Later readers of server variables go through this. */

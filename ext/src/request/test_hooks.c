@@ -5,6 +5,7 @@
  *
  *   corvidine_test_log_trace_id(int $size = 43): string
  *   corvidine_test_log_append_trace_id(?string $message): ?string
+ *   corvidine_test_server_cache(): array    a copy of the request's server_cache
  */
 #include "php_corvidine.h"
 
@@ -43,6 +44,15 @@ static PHP_FUNCTION(corvidine_test_log_append_trace_id) {
     efree(result);
 }
 
+static PHP_FUNCTION(corvidine_test_server_cache) {
+    ZEND_PARSE_PARAMETERS_NONE();
+    zval *cache = &VESK_G(server_cache);
+    if (Z_TYPE_P(cache) != IS_ARRAY) {
+        RETURN_EMPTY_ARRAY();
+    }
+    RETURN_ARR(zend_array_dup(Z_ARRVAL_P(cache)));
+}
+
 ZEND_BEGIN_ARG_WITH_RETURN_TYPE_INFO_EX(arginfo_corvidine_test_log_trace_id, 0, 0, IS_STRING, 0)
 ZEND_ARG_TYPE_INFO_WITH_DEFAULT_VALUE(0, size, IS_LONG, 0, "43")
 ZEND_END_ARG_INFO()
@@ -51,9 +61,13 @@ ZEND_BEGIN_ARG_WITH_RETURN_TYPE_INFO_EX(arginfo_corvidine_test_log_append_trace_
 ZEND_ARG_TYPE_INFO(0, message, IS_STRING, 1)
 ZEND_END_ARG_INFO()
 
+ZEND_BEGIN_ARG_WITH_RETURN_TYPE_INFO_EX(arginfo_corvidine_test_server_cache, 0, 0, IS_ARRAY, 0)
+ZEND_END_ARG_INFO()
+
 static const zend_function_entry php_vesk_request_test_functions[] = {
     PHP_FE(corvidine_test_log_trace_id, arginfo_corvidine_test_log_trace_id)
     PHP_FE(corvidine_test_log_append_trace_id, arginfo_corvidine_test_log_append_trace_id)
+    PHP_FE(corvidine_test_server_cache, arginfo_corvidine_test_server_cache)
     PHP_FE_END
 };
 
