@@ -6,13 +6,14 @@
 
 #include "src/config/ini.h"
 #include "src/lifecycle/request.h"
+#include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
 
 /* Shortest profiling interval, in microseconds. */
 #define PHP_VESK_MIN_PROFILING_INTERVAL_US 20000
 
 int php_vesk_request_inactive(void) {
-    return php_vesk_cli_off() || !VESK_INI_ON("corvidine.enable");
+    return php_vesk_cli_off() || !php_vesk_request_ini_on(PHP_VESK_RINI_ENABLE);
 }
 
 /* A per-directory service key whose service differs from both names known
@@ -20,12 +21,15 @@ int php_vesk_request_inactive(void) {
  * the way module start does it, so that the same key always names the same
  * service. */
 static void php_vesk_request_service_name(void) {
-    const char *key = VESK_INI_STR("corvidine.service_key");
+    const char *key = php_vesk_request_ini_str(PHP_VESK_RINI_SERVICE_KEY);
     if (strchr(key, ':') == NULL) {
         return;
     }
-    char *cleaned = estrndup(key, MIN(strlen(key), PHP_VESK_SERVICE_KEY_SIZE - 1));
-    int length = (int)strlen(cleaned);
+    char cleaned[PHP_VESK_SERVICE_KEY_SIZE];
+    size_t key_len = MIN(strlen(key), PHP_VESK_SERVICE_KEY_SIZE - 1);
+    memcpy(cleaned, key, key_len);
+    cleaned[key_len] = '\0';
+    int length = (int)key_len;
     vesk_validate_transform_service_name(cleaned, &length);
 
     const char *service = strchr(cleaned, ':') + 1;
@@ -35,7 +39,6 @@ static void php_vesk_request_service_name(void) {
         (env_name == NULL || strcmp(service, env_name) != 0)) {
         VESK_G(request_service_name) = estrdup(service);
     }
-    efree(cleaned);
 }
 
 /* The Collector's interval wins over corvidine.profiling_interval; anything
@@ -43,7 +46,7 @@ static void php_vesk_request_service_name(void) {
 static void php_vesk_profiling_interval(void) {
     int interval_ms = vesk_get_profiling_interval();
     if (interval_ms < 0) {
-        interval_ms = (int)VESK_INI_LONG("corvidine.profiling_interval");
+        interval_ms = (int)php_vesk_request_ini_long(PHP_VESK_RINI_PROFILING_INTERVAL);
     }
     int64_t interval_us = (int64_t)interval_ms * 1000;
     if (interval_us == 0) {
@@ -71,17 +74,17 @@ zend_result php_vesk_request_startup(void) {
     /* The function wrappers create their six per-request tables here when
      * corvidine.enable_wrap is on. */
 
-    if (VESK_INI_ON("corvidine.use_custom_start_trace")) {
+    if (php_vesk_request_ini_on(PHP_VESK_RINI_USE_CUSTOM_START_TRACE)) {
         /* PHP code starts the trace itself (corvidine_start_trace). */
         return SUCCESS;
     }
 
     VESK_G(trace_started) = 1;
     VESK_G(phpredis_batch) = 0;
-    VESK_G(enable_sanitize_sql) = (int)VESK_INI_LONG("corvidine.enable_sanitize_sql");
+    VESK_G(enable_sanitize_sql) = (int)php_vesk_request_ini_long(PHP_VESK_RINI_ENABLE_SANITIZE_SQL);
     VESK_G(triggered_trace) = 0;
     VESK_G(pd_keys) = NULL;
-    VESK_G(profiling_enabled) = VESK_INI_ON("corvidine.enable_profiling");
+    VESK_G(profiling_enabled) = php_vesk_request_ini_on(PHP_VESK_RINI_ENABLE_PROFILING);
     if (VESK_G(profiling_enabled)) {
         php_vesk_profiling_interval();
     }
@@ -93,10 +96,10 @@ zend_result php_vesk_request_startup(void) {
 
     VESK_G(transaction_name)[0] = '\0';
     VESK_G(custom_transaction_name)[0] = '\0';
-    VESK_G(enable_laravel_tracing) = VESK_INI_ON("corvidine.enable_laravel_tracing");
+    VESK_G(enable_laravel_tracing) = php_vesk_request_ini_on(PHP_VESK_RINI_ENABLE_LARAVEL_TRACING);
     VESK_G(laravel_state) = -1;
     VESK_G(laravel_detect_count) = 0;
-    VESK_G(laravel_enable_backtrace) = VESK_INI_ON("corvidine.laravel_enable_backtrace");
+    VESK_G(laravel_enable_backtrace) = php_vesk_request_ini_on(PHP_VESK_RINI_LARAVEL_ENABLE_BACKTRACE);
     VESK_G(span_start) = vesk_span_start();
     return SUCCESS;
 }
@@ -121,7 +124,7 @@ zend_result php_vesk_request_shutdown(void) {
         return SUCCESS;
     }
 
-    if (VESK_G(trace_started) && !VESK_INI_ON("corvidine.use_custom_start_trace")) {
+    if (VESK_G(trace_started) && !php_vesk_request_ini_on(PHP_VESK_RINI_USE_CUSTOM_START_TRACE)) {
         php_vesk_record_span(VESK_G(span_start), stop);
     }
     VESK_G(trace_started) = 0;

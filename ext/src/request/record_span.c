@@ -5,7 +5,7 @@
 
 #include "corvidine/span.h"
 
-#include "src/config/ini.h"
+#include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
 
 /* The script's file name: what follows the last "/" of SCRIPT_NAME. */
@@ -51,7 +51,7 @@ void php_vesk_record_span(int64_t start, int64_t stop) {
     if (no_domain) {
         length = vesk_span(name, sizeof(name), &params);
     } else {
-        params.domain = VESK_INI_ON("corvidine.transaction_prepend_domain") ? domain : NULL;
+        params.domain = php_vesk_request_ini_on(PHP_VESK_RINI_TRANSACTION_PREPEND_DOMAIN) ? domain : NULL;
         params.status = SG(sapi_headers).http_response_code;
         const char *method = PHP_VESK_SERVER_STR("REQUEST_METHOD");
         params.method = method != NULL ? method : "";

@@ -8,6 +8,7 @@
 #include "SAPI.h"
 #include "php_variables.h"
 
+#include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
 
 typedef struct {
@@ -20,12 +21,18 @@ typedef struct {
  * the cache, and the application may change _SERVER meanwhile. HTTPS, last,
  * is looked up for "PROTOCOL" only. */
 static const php_vesk_server_key php_vesk_server_keys[] = {
-    PHP_VESK_KEY("HTTP_X_TRACE"),          PHP_VESK_KEY("REQUEST_URI"),
-    PHP_VESK_KEY("SCRIPT_NAME"),           PHP_VESK_KEY("HTTP_X_FORWARDED_HOST"),
-    PHP_VESK_KEY("HTTP_X_FORWARDED_FOR"),  PHP_VESK_KEY("HTTP_HOST"),
-    PHP_VESK_KEY("SERVER_NAME"),           PHP_VESK_KEY("SERVER_PORT"),
-    PHP_VESK_KEY("REQUEST_METHOD"),        PHP_VESK_KEY("REMOTE_ADDR"),
-    PHP_VESK_KEY("HTTP_X_TRACE_OPTIONS"),  PHP_VESK_KEY("HTTP_X_TRACE_OPTIONS_SIGNATURE"),
+    PHP_VESK_KEY("HTTP_X_TRACE"),
+    PHP_VESK_KEY("REQUEST_URI"),
+    PHP_VESK_KEY("SCRIPT_NAME"),
+    PHP_VESK_KEY("HTTP_X_FORWARDED_HOST"),
+    PHP_VESK_KEY("HTTP_X_FORWARDED_FOR"),
+    PHP_VESK_KEY("HTTP_HOST"),
+    PHP_VESK_KEY("SERVER_NAME"),
+    PHP_VESK_KEY("SERVER_PORT"),
+    PHP_VESK_KEY("REQUEST_METHOD"),
+    PHP_VESK_KEY("REMOTE_ADDR"),
+    PHP_VESK_KEY("HTTP_X_TRACE_OPTIONS"),
+    PHP_VESK_KEY("HTTP_X_TRACE_OPTIONS_SIGNATURE"),
     PHP_VESK_KEY("HTTPS"),
 };
 #define PHP_VESK_SERVER_KEYS (sizeof(php_vesk_server_keys) / sizeof(php_vesk_server_keys[0]))
@@ -74,10 +81,9 @@ static int php_vesk_server_from_cgi(void) {
     if (order == NULL || (strchr(order, 'S') == NULL && strchr(order, 's') == NULL)) {
         return 0;
     }
-    zend_bool filter_loaded = 0;
-    const char *filter = zend_ini_string_ex(ZEND_STRL("filter.default"), 0, &filter_loaded);
-    if (filter_loaded) {
-        return filter != NULL && strcasecmp(filter, "unsafe_raw") == 0;
+    zend_ini_entry *filter = php_vesk_request_ini_entry(PHP_VESK_RINI_FILTER_DEFAULT);
+    if (filter != NULL) {
+        return filter->value != NULL && strcasecmp(ZSTR_VAL(filter->value), "unsafe_raw") == 0;
     }
     return sapi_module.input_filter == php_default_input_filter;
 }

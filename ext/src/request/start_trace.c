@@ -11,7 +11,7 @@
 #include "corvidine/settings.h"
 #include "corvidine/tracing_decisions.h"
 
-#include "src/config/ini.h"
+#include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
 #include "src/request/trace_options.h"
 
@@ -47,8 +47,8 @@ static void setup_vesk_configuration(int mode) {
     }
     vesk_settings_mode_set(mode);
 
-    if (VESK_INI_STR("corvidine.sample_rate")[0] != '\0') {
-        uint32_t rate = (uint32_t)VESK_INI_LONG("corvidine.sample_rate");
+    if (php_vesk_request_ini_str(PHP_VESK_RINI_SAMPLE_RATE)[0] != '\0') {
+        uint32_t rate = (uint32_t)php_vesk_request_ini_long(PHP_VESK_RINI_SAMPLE_RATE);
         if (rate > VESK_SETTINGS_MAX_SAMPLE_RATE) {
             PHP_VESK_WARNING("corvidine.sample_rate ini setting must be between 0 and %d",
                              VESK_SETTINGS_MAX_SAMPLE_RATE);
@@ -72,7 +72,7 @@ static const char *php_vesk_incoming_xtrace(const char *xtrace) {
     if (header != NULL) {
         return header[0] != '\0' ? header : NULL;
     }
-    const char *configured = VESK_INI_STR("corvidine.xtrace");
+    const char *configured = php_vesk_request_ini_str(PHP_VESK_RINI_XTRACE);
     return configured[0] != '\0' ? configured : NULL;
 }
 

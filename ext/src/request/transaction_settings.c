@@ -20,7 +20,7 @@
 
 #include "corvidine/regex.h"
 
-#include "src/config/ini.h"
+#include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
 #include "src/request/transaction_settings.h"
 
@@ -247,11 +247,11 @@ static int php_vesk_extension_matches(const char *url, const char *extensions) {
 }
 
 int php_vesk_transaction_filtering(int *mode) {
-    const char *tracing = VESK_INI_STR("corvidine.tracing");
+    const char *tracing = php_vesk_request_ini_str(PHP_VESK_RINI_TRACING);
     int base = (strcmp(tracing, "disabled") == 0 || strcmp(tracing, "never") == 0) ? 0 : 1;
     *mode = php_vesk_tracing_mode(tracing);
 
-    const char *path = VESK_INI_STR("corvidine.transaction_settings_file");
+    const char *path = php_vesk_request_ini_str(PHP_VESK_RINI_TRANSACTION_SETTINGS_FILE);
     if (path[0] == '\0') {
         return base;
     }
