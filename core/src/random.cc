@@ -27,9 +27,10 @@ void vesk_rand_destroy(void *p) { free(p); }
 
 // OpenSSL 3 pays a fixed cost per RAND_bytes call that is many times the cost
 // of the bytes themselves, so small requests are served from a per-thread
-// pool filled in one call. A fork bumps the generation: the child refills
+// pool filled in one call; a request takes a few dozen bytes, so one fill
+// serves about a hundred. A fork bumps the generation: the child refills
 // instead of handing out the same bytes as its parent.
-constexpr int kPoolSize = 512;
+constexpr int kPoolSize = 4096;
 std::atomic<unsigned> g_fork_generation{0};
 pthread_once_t g_atfork_once = PTHREAD_ONCE_INIT;
 

@@ -28,6 +28,10 @@ inline void store_int(int *field, int value) {
     __atomic_store_n(field, value, __ATOMIC_RELAXED);
 }
 
+inline int load_int(const int *field) {
+    return __atomic_load_n(field, __ATOMIC_RELAXED);
+}
+
 // 0 when the lock is held; otherwise logs and the caller changes nothing.
 int take_cfg_lock() {
     int rc = pthread_rwlock_rdlock(&cfg_mutex);
@@ -100,7 +104,10 @@ vesk_settings_cfg_t *vesk_settings_cfg_get(void) {
 
 void vesk_settings_mode_set(int mode) {
     vesk_settings_cfg_t *cfg = vesk_settings_cfg_get();
-    if (cfg == nullptr || take_cfg_lock() != 0) return;
+    // Request start writes the configured mode every time: the value it
+    // already holds needs neither the lock nor a store.
+    if (cfg == nullptr || (mode >= -1 && mode <= 1 && load_int(&cfg->tracing_mode) == mode)) return;
+    if (take_cfg_lock() != 0) return;
     set_mode(&cfg->tracing_mode, mode, false);
     pthread_rwlock_unlock(&cfg_mutex);
 }
@@ -114,7 +121,11 @@ void vesk_settings_trigger_set(int trigger) {
 
 void vesk_settings_rate_set(int rate) {
     vesk_settings_cfg_t *cfg = vesk_settings_cfg_get();
-    if (cfg == nullptr || take_cfg_lock() != 0) return;
+    // As for the mode: request start sets the configured rate every time.
+    if (cfg == nullptr ||
+        (rate >= -1 && rate <= VESK_SETTINGS_MAX_SAMPLE_RATE && load_int(&cfg->sample_rate) == rate))
+        return;
+    if (take_cfg_lock() != 0) return;
     set_rate(&cfg->sample_rate, rate);
     pthread_rwlock_unlock(&cfg_mutex);
 }

@@ -32,9 +32,13 @@ static void php_vesk_send_xtrace_header(const vesk_metadata_t *md) {
         return;
     }
     char line[sizeof("X-Trace: ") + VESK_MAX_METADATA_STRING_LEN];
+    size_t id_len = strnlen(id, sizeof(id) - 1);
+    memcpy(line, "X-Trace: ", sizeof("X-Trace: ") - 1);
+    memcpy(line + sizeof("X-Trace: ") - 1, id, id_len);
+    line[sizeof("X-Trace: ") - 1 + id_len] = '\0';
     sapi_header_line header = {0};
     header.line = line;
-    header.line_len = (size_t)snprintf(line, sizeof(line), "X-Trace: %s", id);
+    header.line_len = sizeof("X-Trace: ") - 1 + id_len;
     sapi_header_op(SAPI_HEADER_ADD, &header);
 }
 
