@@ -15,10 +15,13 @@
 # cgi: php-cgi8.2 -T REQUESTS, the same page in the same CGI environment,
 #      every request through full request start-up and shut-down.
 #
+# Only what runs inside PHP's request start-up, script and shut-down is
+# counted (callgrind --toggle-collect): the extension's work happens there,
+# and process start and exit, whose path differs from run to run, stay out.
 # The process environment is fixed (about 40 variables, the usual size), so
 # that counts compare across machines. Each set-up runs with REQUESTS and
 # 2 x REQUESTS requests: the difference divided by REQUESTS is the cost of one
-# request, without process start-up.
+# request, without what happens once (first-use set-up).
 #
 # Set-ups: the extension not loaded; loaded with the null reporter (nothing
 # is sampled); with the UDP reporter and sample rate 0 (unsampled, as in
@@ -76,6 +79,10 @@ process_env = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:
                "LANG": "C.UTF-8", "SHELL": "/bin/bash", "USER": "root", "PWD": "/", "TERM": "xterm"}
 for i in range(33):
     process_env["BENCH_ENV_%02d" % i] = "value-of-an-inherited-variable-%02d" % i
+
+# Callgrind counts only inside these, the whole of a request's PHP work.
+COLLECT = ["--collect-atstart=no", "--toggle-collect=php_request_startup", "--toggle-collect=php_execute_script",
+           "--toggle-collect=php_request_shutdown"]
 
 udp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 udp.bind(("127.0.0.1", 0))
@@ -178,7 +185,7 @@ def run_fpm(name, args, env, count, out_prefix):
     with open(os.path.join(work, "fpm.conf"), "w") as handle:
         handle.write(FPM_CONF.format(dir=work, port=port))
     out = os.path.join(work, "callgrind.%p")
-    fpm = subprocess.Popen(["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out, "/usr/sbin/php-fpm8.2",
+    fpm = subprocess.Popen(["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out] + COLLECT + ["/usr/sbin/php-fpm8.2",
                             "-F", "-R", "-n", "-y", os.path.join(work, "fpm.conf")] + args,
                            env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     try:
@@ -216,8 +223,9 @@ def collected(path):
 def run_cgi(name, args, env, count, out_prefix):
     env = dict(env, **params)
     out = out_prefix or "/dev/null"
-    run = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out, "/usr/bin/php-cgi8.2", "-n"] +
-                         args + ["-T", str(count), script], env=env, capture_output=True, text=True)
+    run = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out] + COLLECT +
+                         ["/usr/bin/php-cgi8.2", "-n"] + args + ["-T", str(count), script],
+                         env=env, capture_output=True, text=True)
     if run.returncode != 0:
         sys.exit("bench-request-cost: %s failed (%d):\n%s" % (name, run.returncode, run.stderr[-2000:]))
     check(name, args, run.stdout)
