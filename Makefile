@@ -63,6 +63,7 @@ bench-core: deps
 bench-ext: deps
 	@tools/bench-ext.sh nts
 	@tools/bench-events.sh nts
+	@tools/bench-request-cost.sh
 
 bench-http: deps
 	@tools/bench-http.sh
