@@ -139,7 +139,7 @@ zend_result php_vesk_request_shutdown(void) {
     /* The function wrappers destroy their per-request tables here. */
 
     php_vesk_free_request_string(&VESK_G(request_service_name));
-    php_vesk_destroy_request_zval(&VESK_G(server_cache));
+    php_vesk_server_cache_clear();
     php_vesk_destroy_request_zval(&VESK_G(custom_kvs));
     return SUCCESS;
 }

@@ -10,7 +10,7 @@
 
 /* The script's file name: what follows the last "/" of SCRIPT_NAME. */
 static const char *php_vesk_script_base_name(void) {
-    const char *script = PHP_VESK_SERVER_STR("SCRIPT_NAME");
+    const char *script = php_vesk_server_value(PHP_VESK_SV_SCRIPT_NAME);
     if (script == NULL) {
         PHP_VESK_WARNING("Corvidine extension couldn't find SCRIPT_NAME");
         return NULL;
@@ -34,7 +34,7 @@ void php_vesk_record_span(int64_t start, int64_t stop) {
         params.transaction = php_vesk_script_base_name();
     } else {
         /* The core makes the name from the URL. */
-        params.url = PHP_VESK_SERVER_STR("REQUEST_URI");
+        params.url = php_vesk_server_value(PHP_VESK_SV_REQUEST_URI);
         if (params.url == NULL) {
             PHP_VESK_WARNING("Corvidine extension couldn't find REQUEST_URI");
         }
@@ -53,7 +53,7 @@ void php_vesk_record_span(int64_t start, int64_t stop) {
     } else {
         params.domain = php_vesk_request_ini_on(PHP_VESK_RINI_TRANSACTION_PREPEND_DOMAIN) ? domain : NULL;
         params.status = SG(sapi_headers).http_response_code;
-        const char *method = PHP_VESK_SERVER_STR("REQUEST_METHOD");
+        const char *method = php_vesk_server_value(PHP_VESK_SV_REQUEST_METHOD);
         params.method = method != NULL ? method : "";
         params.has_error = params.status >= 500 && params.status <= 599;
         length = vesk_http_span(name, sizeof(name), &params);

@@ -24,17 +24,44 @@
 /* 40 digits of task id, "-", "0" or "1", and the terminator. */
 #define PHP_VESK_LOG_TRACE_ID_SIZE 43
 
-/* Copies the server variables that tracing reads into server_cache, plus
- * "PROTOCOL" ("https://" when "HTTPS" exists at all, else "http://"): the
- * values _SERVER holds, though under php-fpm and php-cgi they are read from
- * where PHP would build _SERVER from, without building it. -1 when PHP has
- * no _SERVER at all (the cache is then left as it was), else 0. */
+/* Copies the server variables that tracing reads, plus "PROTOCOL"
+ * ("https://" when "HTTPS" exists at all, else "http://"): the values
+ * _SERVER holds, though under php-fpm and php-cgi they are read from where
+ * PHP would build _SERVER from, without building it. -1 when PHP has no
+ * _SERVER at all (the copy is then left as it was), else 0. */
 int php_vesk_cache_server_globals(void);
 
-/* A string from server_cache, or null when the key is absent or the cache
- * was never filled. Later readers of server variables go through this. */
+/* Forgets the copy (request end). */
+void php_vesk_server_cache_clear(void);
+
+/* A string of the copy, or null when the key is absent or the copy was
+ * never made. Later readers of server variables go through this. */
 const char *php_vesk_server_str(const char *key, size_t key_len);
 #define PHP_VESK_SERVER_STR(key) php_vesk_server_str((key), sizeof(key) - 1)
+
+/* The copy as a new PHP array of strings, key => value. */
+void php_vesk_server_cache_array(zval *out);
+
+/* The keys of the copy, for the cheaper lookup by number. */
+typedef enum {
+    PHP_VESK_SV_HTTP_X_TRACE,
+    PHP_VESK_SV_REQUEST_URI,
+    PHP_VESK_SV_SCRIPT_NAME,
+    PHP_VESK_SV_HTTP_X_FORWARDED_HOST,
+    PHP_VESK_SV_HTTP_X_FORWARDED_FOR,
+    PHP_VESK_SV_HTTP_HOST,
+    PHP_VESK_SV_SERVER_NAME,
+    PHP_VESK_SV_SERVER_PORT,
+    PHP_VESK_SV_REQUEST_METHOD,
+    PHP_VESK_SV_REMOTE_ADDR,
+    PHP_VESK_SV_HTTP_X_TRACE_OPTIONS,
+    PHP_VESK_SV_HTTP_X_TRACE_OPTIONS_SIGNATURE,
+    PHP_VESK_SV_PROTOCOL,
+    PHP_VESK_SV_COUNT
+} php_vesk_server_id;
+
+/* php_vesk_server_str of the key numbered id, without hashing its name. */
+const char *php_vesk_server_value(php_vesk_server_id id);
 
 /* Starts the trace of this request: layer such as "PHP"; xtrace an
  * identifier given by the caller or null; the decision's rate and source go

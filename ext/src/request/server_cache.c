@@ -15,40 +15,71 @@ typedef struct {
     const char *name;
     size_t length;
 } php_vesk_server_key;
-#define PHP_VESK_KEY(name) {name, sizeof(name) - 1}
+#define PHP_VESK_SERVER_KEY(name) {name, sizeof(name) - 1}
 
 /* Only these keys are copied: every later read of a server variable goes to
- * the cache, and the application may change _SERVER meanwhile. HTTPS, last,
- * is looked up for "PROTOCOL" only. */
-static const php_vesk_server_key php_vesk_server_keys[] = {
-    PHP_VESK_KEY("HTTP_X_TRACE"),
-    PHP_VESK_KEY("REQUEST_URI"),
-    PHP_VESK_KEY("SCRIPT_NAME"),
-    PHP_VESK_KEY("HTTP_X_FORWARDED_HOST"),
-    PHP_VESK_KEY("HTTP_X_FORWARDED_FOR"),
-    PHP_VESK_KEY("HTTP_HOST"),
-    PHP_VESK_KEY("SERVER_NAME"),
-    PHP_VESK_KEY("SERVER_PORT"),
-    PHP_VESK_KEY("REQUEST_METHOD"),
-    PHP_VESK_KEY("REMOTE_ADDR"),
-    PHP_VESK_KEY("HTTP_X_TRACE_OPTIONS"),
-    PHP_VESK_KEY("HTTP_X_TRACE_OPTIONS_SIGNATURE"),
-    PHP_VESK_KEY("HTTPS"),
+ * the copy, and the application may change _SERVER meanwhile. "PROTOCOL" is
+ * not a server variable: it tells whether "HTTPS" exists. */
+static const php_vesk_server_key php_vesk_server_keys[PHP_VESK_SV_COUNT] = {
+    [PHP_VESK_SV_HTTP_X_TRACE] = PHP_VESK_SERVER_KEY("HTTP_X_TRACE"),
+    [PHP_VESK_SV_REQUEST_URI] = PHP_VESK_SERVER_KEY("REQUEST_URI"),
+    [PHP_VESK_SV_SCRIPT_NAME] = PHP_VESK_SERVER_KEY("SCRIPT_NAME"),
+    [PHP_VESK_SV_HTTP_X_FORWARDED_HOST] = PHP_VESK_SERVER_KEY("HTTP_X_FORWARDED_HOST"),
+    [PHP_VESK_SV_HTTP_X_FORWARDED_FOR] = PHP_VESK_SERVER_KEY("HTTP_X_FORWARDED_FOR"),
+    [PHP_VESK_SV_HTTP_HOST] = PHP_VESK_SERVER_KEY("HTTP_HOST"),
+    [PHP_VESK_SV_SERVER_NAME] = PHP_VESK_SERVER_KEY("SERVER_NAME"),
+    [PHP_VESK_SV_SERVER_PORT] = PHP_VESK_SERVER_KEY("SERVER_PORT"),
+    [PHP_VESK_SV_REQUEST_METHOD] = PHP_VESK_SERVER_KEY("REQUEST_METHOD"),
+    [PHP_VESK_SV_REMOTE_ADDR] = PHP_VESK_SERVER_KEY("REMOTE_ADDR"),
+    [PHP_VESK_SV_HTTP_X_TRACE_OPTIONS] = PHP_VESK_SERVER_KEY("HTTP_X_TRACE_OPTIONS"),
+    [PHP_VESK_SV_HTTP_X_TRACE_OPTIONS_SIGNATURE] = PHP_VESK_SERVER_KEY("HTTP_X_TRACE_OPTIONS_SIGNATURE"),
+    [PHP_VESK_SV_PROTOCOL] = PHP_VESK_SERVER_KEY("PROTOCOL"),
 };
-#define PHP_VESK_SERVER_KEYS (sizeof(php_vesk_server_keys) / sizeof(php_vesk_server_keys[0]))
-#define PHP_VESK_HTTPS_KEY (PHP_VESK_SERVER_KEYS - 1)
+/* What the keys are read from: the same names, and HTTPS for PROTOCOL. */
+static const php_vesk_server_key php_vesk_https_key = PHP_VESK_SERVER_KEY("HTTPS");
+#define PHP_VESK_SOURCE_KEY(i) ((i) == PHP_VESK_SV_PROTOCOL ? &php_vesk_https_key : &php_vesk_server_keys[i])
 
-static void php_vesk_cache_add(HashTable *cache, const php_vesk_server_key *key, zend_string *value) {
-    zval entry;
-    ZVAL_STR(&entry, value);
-    zend_hash_str_add_new(cache, key->name, key->length, &entry);
+/*
+ * The copy, for the request the thread is serving: the values, each with its
+ * terminator, in one block on the request heap, read by number. Not a PHP
+ * array: building a hash table that request code reads a handful of times
+ * cost more than all the rest of an unsampled request.
+ */
+typedef struct {
+    const char *value[PHP_VESK_SV_COUNT]; /* null: absent */
+    size_t length[PHP_VESK_SV_COUNT];
+    char *block;
+} php_vesk_server_copy;
+
+ZEND_TLS php_vesk_server_copy php_vesk_server_vars;
+
+/* Copies the found values into one block (PROTOCOL points to a literal). */
+static void php_vesk_server_copy_fill(const char *const value[], const size_t length[]) {
+    size_t total = 0;
+    for (size_t i = 0; i < PHP_VESK_SV_PROTOCOL; i++) {
+        if (value[i] != NULL) {
+            total += length[i] + 1;
+        }
+    }
+    char *cursor = total > 0 ? emalloc(total) : NULL;
+    php_vesk_server_vars.block = cursor;
+    for (size_t i = 0; i < PHP_VESK_SV_PROTOCOL; i++) {
+        if (value[i] != NULL) {
+            memcpy(cursor, value[i], length[i]);
+            cursor[length[i]] = '\0';
+            php_vesk_server_vars.value[i] = cursor;
+            php_vesk_server_vars.length[i] = length[i];
+            cursor += length[i] + 1;
+        }
+    }
+    php_vesk_server_vars.value[PHP_VESK_SV_PROTOCOL] = value[PHP_VESK_SV_PROTOCOL];
+    php_vesk_server_vars.length[PHP_VESK_SV_PROTOCOL] = length[PHP_VESK_SV_PROTOCOL];
 }
 
-static void php_vesk_cache_add_protocol(HashTable *cache, int https) {
-    /* Any value of HTTPS counts, "off" included. */
-    zval protocol;
-    ZVAL_STRING(&protocol, https ? "https://" : "http://");
-    zend_hash_str_add_new(cache, ZEND_STRL("PROTOCOL"), &protocol);
+/* Any value of HTTPS counts, "off" included. */
+static void php_vesk_set_protocol(const char *value[], size_t length[], int https) {
+    value[PHP_VESK_SV_PROTOCOL] = https ? "https://" : "http://";
+    length[PHP_VESK_SV_PROTOCOL] = https ? sizeof("https://") - 1 : sizeof("http://") - 1;
 }
 
 /*
@@ -58,7 +89,7 @@ static void php_vesk_cache_add_protocol(HashTable *cache, int https) {
  * environment (in its order: of two equal names the last wins) overlaid by
  * the request's FastCGI parameters, which the SAPI's getenv hook returns
  * (as fix_pathinfo left them), plus PHP_SELF, REQUEST_TIME* and PHP_AUTH_*,
- * none of which is cached. So the few values tracing reads are taken from
+ * none of which is copied. So the few values tracing reads are taken from
  * there, and _SERVER is built only if the application asks for it.
  *
  * Only where the values are sure to be the ones _SERVER would hold: _SERVER
@@ -88,18 +119,18 @@ static int php_vesk_server_from_cgi(void) {
     return sapi_module.input_filter == php_default_input_filter;
 }
 
-/* The environment's values of the keys: of each name the first entry (what
- * getenv() finds) and the last (what _SERVER keeps). */
+/* The environment's values of the source keys: of each name the first entry
+ * (what getenv() finds) and the last (what _SERVER keeps). The caller holds
+ * the environment lock. */
 static void php_vesk_scan_environment(const char *first[], const char *last[]) {
-    tsrm_env_lock();
     for (char **env = environ; env != NULL && *env != NULL; env++) {
         const char *entry = *env;
         /* Every key begins with H, R or S: most entries stop here. */
         if (entry[0] != 'H' && entry[0] != 'R' && entry[0] != 'S') {
             continue;
         }
-        for (size_t i = 0; i < PHP_VESK_SERVER_KEYS; i++) {
-            const php_vesk_server_key *key = &php_vesk_server_keys[i];
+        for (size_t i = 0; i < PHP_VESK_SV_COUNT; i++) {
+            const php_vesk_server_key *key = PHP_VESK_SOURCE_KEY(i);
             if (entry[0] == key->name[0] && strncmp(entry, key->name, key->length) == 0 &&
                 entry[key->length] == '=') {
                 if (first[i] == NULL) {
@@ -110,30 +141,38 @@ static void php_vesk_scan_environment(const char *first[], const char *last[]) {
             }
         }
     }
-    tsrm_env_unlock();
 }
 
-static void php_vesk_cache_from_cgi(HashTable *cache) {
-    const char *first[PHP_VESK_SERVER_KEYS] = {NULL}, *last[PHP_VESK_SERVER_KEYS] = {NULL};
+static void php_vesk_copy_from_cgi(void) {
+    const char *first[PHP_VESK_SV_COUNT] = {NULL}, *last[PHP_VESK_SV_COUNT] = {NULL};
+    const char *value[PHP_VESK_SV_COUNT] = {NULL};
+    size_t length[PHP_VESK_SV_COUNT] = {0};
+    tsrm_env_lock();
     php_vesk_scan_environment(first, last);
-    for (size_t i = 0; i < PHP_VESK_SERVER_KEYS; i++) {
-        const php_vesk_server_key *key = &php_vesk_server_keys[i];
+    for (size_t i = 0; i < PHP_VESK_SV_COUNT; i++) {
+        const php_vesk_server_key *key = PHP_VESK_SOURCE_KEY(i);
         /* A request parameter beats the environment. php-cgi's hook falls
          * back on getenv(), which answers with the first entry of a name
          * where _SERVER holds the last. */
-        const char *value = sapi_module.getenv(key->name, key->length);
-        if (value == NULL || value == first[i]) {
-            value = last[i];
+        const char *found = sapi_module.getenv(key->name, key->length);
+        if (found == NULL || found == first[i]) {
+            found = last[i];
         }
-        if (i == PHP_VESK_HTTPS_KEY) {
-            php_vesk_cache_add_protocol(cache, value != NULL);
-        } else if (value != NULL) {
-            php_vesk_cache_add(cache, key, zend_string_init(value, strlen(value), 0));
+        if (i == PHP_VESK_SV_PROTOCOL) {
+            php_vesk_set_protocol(value, length, found != NULL);
+        } else if (found != NULL) {
+            value[i] = found;
+            length[i] = strlen(found);
         }
     }
+    /* Copied before the environment may change. */
+    php_vesk_server_copy_fill(value, length);
+    tsrm_env_unlock();
 }
 
-static void php_vesk_cache_from_server(HashTable *cache) {
+static void php_vesk_copy_from_server(void) {
+    const char *value[PHP_VESK_SV_COUNT] = {NULL};
+    size_t length[PHP_VESK_SV_COUNT] = {0};
     zval *server = zend_hash_str_find(&EG(symbol_table), ZEND_STRL("_SERVER"));
     if (server != NULL) {
         ZVAL_DEREF(server);
@@ -143,14 +182,16 @@ static void php_vesk_cache_from_server(HashTable *cache) {
         return;
     }
     HashTable *vars = Z_ARRVAL_P(server);
-    for (size_t i = 0; i < PHP_VESK_HTTPS_KEY; i++) {
+    for (size_t i = 0; i < PHP_VESK_SV_PROTOCOL; i++) {
         const php_vesk_server_key *key = &php_vesk_server_keys[i];
-        zval *value = zend_hash_str_find_deref(vars, key->name, key->length);
-        if (value != NULL && Z_TYPE_P(value) == IS_STRING) {
-            php_vesk_cache_add(cache, key, zend_string_copy(Z_STR_P(value)));
+        zval *found = zend_hash_str_find_deref(vars, key->name, key->length);
+        if (found != NULL && Z_TYPE_P(found) == IS_STRING) {
+            value[i] = Z_STRVAL_P(found);
+            length[i] = Z_STRLEN_P(found);
         }
     }
-    php_vesk_cache_add_protocol(cache, zend_hash_str_exists(vars, ZEND_STRL("HTTPS")));
+    php_vesk_set_protocol(value, length, zend_hash_str_exists(vars, ZEND_STRL("HTTPS")));
+    php_vesk_server_copy_fill(value, length);
 }
 
 int php_vesk_cache_server_globals(void) {
@@ -164,27 +205,46 @@ int php_vesk_cache_server_globals(void) {
         return -1;
     }
 
-    zval *cache = &VESK_G(server_cache);
-    zval_ptr_dtor(cache);
-    array_init_size(cache, PHP_VESK_SERVER_KEYS);
+    php_vesk_server_cache_clear();
     if (from_cgi) {
-        php_vesk_cache_from_cgi(Z_ARRVAL_P(cache));
+        php_vesk_copy_from_cgi();
         /* The request time is taken when first asked for; building _SERVER
          * asked for it here, and REQUEST_TIME stays this moment. */
         sapi_get_request_time();
     } else {
-        php_vesk_cache_from_server(Z_ARRVAL_P(cache));
+        php_vesk_copy_from_server();
     }
     return 0;
 }
 
-const char *php_vesk_server_str(const char *key, size_t key_len) {
-    zval *cache = &VESK_G(server_cache);
-    if (Z_TYPE_P(cache) != IS_ARRAY) {
-        return NULL;
+void php_vesk_server_cache_clear(void) {
+    if (php_vesk_server_vars.block != NULL) {
+        efree(php_vesk_server_vars.block);
     }
-    zval *value = zend_hash_str_find(Z_ARRVAL_P(cache), key, key_len);
-    return (value != NULL && Z_TYPE_P(value) == IS_STRING) ? Z_STRVAL_P(value) : NULL;
+    memset(&php_vesk_server_vars, 0, sizeof(php_vesk_server_vars));
+}
+
+const char *php_vesk_server_value(php_vesk_server_id id) {
+    return php_vesk_server_vars.value[id];
+}
+
+const char *php_vesk_server_str(const char *key, size_t key_len) {
+    for (size_t i = 0; i < PHP_VESK_SV_COUNT; i++) {
+        if (php_vesk_server_keys[i].length == key_len && memcmp(php_vesk_server_keys[i].name, key, key_len) == 0) {
+            return php_vesk_server_vars.value[i];
+        }
+    }
+    return NULL;
+}
+
+void php_vesk_server_cache_array(zval *out) {
+    array_init_size(out, PHP_VESK_SV_COUNT);
+    for (size_t i = 0; i < PHP_VESK_SV_COUNT; i++) {
+        if (php_vesk_server_vars.value[i] != NULL) {
+            add_assoc_stringl_ex(out, php_vesk_server_keys[i].name, php_vesk_server_keys[i].length,
+                                 php_vesk_server_vars.value[i], php_vesk_server_vars.length[i]);
+        }
+    }
 }
 
 /* The longest domain taken, so that ":port" and the terminator still fit in
@@ -192,11 +252,12 @@ const char *php_vesk_server_str(const char *key, size_t key_len) {
 #define PHP_VESK_DOMAIN_MAX 254
 
 int vesk_php_get_domain(char *buffer) {
-    static const char *const sources[] = {"HTTP_X_FORWARDED_HOST", "HTTP_HOST", "SERVER_NAME"};
+    static const php_vesk_server_id sources[] = {PHP_VESK_SV_HTTP_X_FORWARDED_HOST, PHP_VESK_SV_HTTP_HOST,
+                                                 PHP_VESK_SV_SERVER_NAME};
     const char *domain = NULL;
     size_t length = 0;
     for (size_t i = 0; i < sizeof(sources) / sizeof(sources[0]) && domain == NULL; i++) {
-        const char *candidate = php_vesk_server_str(sources[i], strlen(sources[i]));
+        const char *candidate = php_vesk_server_value(sources[i]);
         if (candidate != NULL) {
             length = strlen(candidate);
             if (length > 0 && length < PHP_VESK_DOMAIN_MAX) {
@@ -212,7 +273,7 @@ int vesk_php_get_domain(char *buffer) {
         return 0;
     }
 
-    const char *port = PHP_VESK_SERVER_STR("SERVER_PORT");
+    const char *port = php_vesk_server_value(PHP_VESK_SV_SERVER_PORT);
     if (port == NULL || strcmp(port, "80") == 0 || strcmp(port, "443") == 0) {
         return 0;
     }

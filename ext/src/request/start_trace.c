@@ -72,7 +72,7 @@ static const char *php_vesk_incoming_xtrace(const char *xtrace) {
     if (VESK_G(context_override) != NULL && VESK_G(context_override)[0] != '\0') {
         return VESK_G(context_override);
     }
-    const char *header = PHP_VESK_SERVER_STR("HTTP_X_TRACE");
+    const char *header = php_vesk_server_value(PHP_VESK_SV_HTTP_X_TRACE);
     if (header != NULL) {
         return header[0] != '\0' ? header : NULL;
     }
@@ -124,8 +124,8 @@ static void php_vesk_unsampled_path(void) {
     }
 }
 
-static void php_vesk_add_server_kv(php_vesk_kv *list, int *n, const char *key, const char *source) {
-    const char *value = php_vesk_server_str(source, strlen(source));
+static void php_vesk_add_server_kv(php_vesk_kv *list, int *n, const char *key, php_vesk_server_id source) {
+    const char *value = php_vesk_server_value(source);
     if (value != NULL) {
         list[*n] = (php_vesk_kv){PHP_VESK_KV_STRING, key, value, (int64_t)strlen(value)};
         (*n)++;
@@ -146,16 +146,16 @@ static void php_vesk_sampled_path(const char *layer, const vesk_tracing_decision
     for (int i = 0; i < kv_count && kvs[i].type != PHP_VESK_KV_END; i++) {
         list[n++] = kvs[i];
     }
-    if (PHP_VESK_SERVER_STR("REQUEST_URI") != NULL) {
-        php_vesk_add_server_kv(list, &n, "URL", "REQUEST_URI");
+    if (php_vesk_server_value(PHP_VESK_SV_REQUEST_URI) != NULL) {
+        php_vesk_add_server_kv(list, &n, "URL", PHP_VESK_SV_REQUEST_URI);
     } else {
-        php_vesk_add_server_kv(list, &n, "URL", "SCRIPT_NAME");
+        php_vesk_add_server_kv(list, &n, "URL", PHP_VESK_SV_SCRIPT_NAME);
     }
-    php_vesk_add_server_kv(list, &n, "HTTP-Host", "HTTP_HOST");
-    php_vesk_add_server_kv(list, &n, "Method", "REQUEST_METHOD");
-    php_vesk_add_server_kv(list, &n, "ClientIP", "REMOTE_ADDR");
-    php_vesk_add_server_kv(list, &n, "Forwarded-For", "HTTP_X_FORWARDED_FOR");
-    php_vesk_add_server_kv(list, &n, "Forwarded-Host", "HTTP_X_FORWARDED_HOST");
+    php_vesk_add_server_kv(list, &n, "HTTP-Host", PHP_VESK_SV_HTTP_HOST);
+    php_vesk_add_server_kv(list, &n, "Method", PHP_VESK_SV_REQUEST_METHOD);
+    php_vesk_add_server_kv(list, &n, "ClientIP", PHP_VESK_SV_REMOTE_ADDR);
+    php_vesk_add_server_kv(list, &n, "Forwarded-For", PHP_VESK_SV_HTTP_X_FORWARDED_FOR);
+    php_vesk_add_server_kv(list, &n, "Forwarded-Host", PHP_VESK_SV_HTTP_X_FORWARDED_HOST);
 
     int32_t sample_source = out->sample_source, sample_rate = out->sample_rate, triggered = 1;
     list[n++] = (php_vesk_kv){PHP_VESK_KV_INT, "SampleSource", &sample_source, 4};
@@ -230,8 +230,8 @@ int php_vesk_start_trace(const char *layer, const char *xtrace, int *sample_rate
     in.custom_tracing_mode = -1;
     in.custom_trigger_mode = -1;
     in.request_type = 0;
-    in.header_options = PHP_VESK_SERVER_STR("HTTP_X_TRACE_OPTIONS");
-    in.header_signature = PHP_VESK_SERVER_STR("HTTP_X_TRACE_OPTIONS_SIGNATURE");
+    in.header_options = php_vesk_server_value(PHP_VESK_SV_HTTP_X_TRACE_OPTIONS);
+    in.header_signature = php_vesk_server_value(PHP_VESK_SV_HTTP_X_TRACE_OPTIONS_SIGNATURE);
     in.header_timestamp = 0;
 
     php_vesk_trace_options options;

@@ -5,7 +5,7 @@
  *
  *   corvidine_test_log_trace_id(int $size = 43): string
  *   corvidine_test_log_append_trace_id(?string $message): ?string
- *   corvidine_test_server_cache(): array    a copy of the request's server_cache
+ *   corvidine_test_server_cache(): array    the request's copy of server variables
  *   corvidine_test_request_ini(): array     per entry read by number: its long,
  *       on/off and string value next to those of the by-name readers
  */
@@ -50,11 +50,7 @@ static PHP_FUNCTION(corvidine_test_log_append_trace_id) {
 
 static PHP_FUNCTION(corvidine_test_server_cache) {
     ZEND_PARSE_PARAMETERS_NONE();
-    zval *cache = &VESK_G(server_cache);
-    if (Z_TYPE_P(cache) != IS_ARRAY) {
-        RETURN_EMPTY_ARRAY();
-    }
-    RETURN_ARR(zend_array_dup(Z_ARRVAL_P(cache)));
+    php_vesk_server_cache_array(return_value);
 }
 
 static PHP_FUNCTION(corvidine_test_request_ini) {

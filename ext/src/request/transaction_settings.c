@@ -260,7 +260,7 @@ int php_vesk_transaction_filtering(int *mode) {
         return base;
     }
 
-    const char *uri = PHP_VESK_SERVER_STR("REQUEST_URI");
+    const char *uri = php_vesk_server_value(PHP_VESK_SV_REQUEST_URI);
     if (uri == NULL || rules->count == 0) {
         return base; /* without a URL no rule can match */
     }
@@ -268,7 +268,7 @@ int php_vesk_transaction_filtering(int *mode) {
     if (vesk_php_get_domain(domain) != 0) {
         domain[0] = '\0';
     }
-    const char *protocol = PHP_VESK_SERVER_STR("PROTOCOL");
+    const char *protocol = php_vesk_server_value(PHP_VESK_SV_PROTOCOL);
     char *url;
     spprintf(&url, 0, "%s%s%s", protocol != NULL ? protocol : "", domain, uri);
 
