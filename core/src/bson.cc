@@ -19,6 +19,12 @@ void bson_error(const char *message) {
 
 int32_t used(const vesk_bson_buffer *b) { return static_cast<int32_t>(b->cur - b->data); }
 
+// BSON numbers are little-endian: on such a host one store writes them.
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+void put_int32(char *at, int32_t v) { memcpy(at, &v, sizeof(v)); }
+
+void put_int64(char *at, int64_t v) { memcpy(at, &v, sizeof(v)); }
+#else
 void put_int32(char *at, int32_t v) {
     uint32_t u = static_cast<uint32_t>(v);
     at[0] = static_cast<char>(u & 0xFF);
@@ -31,6 +37,7 @@ void put_int64(char *at, int64_t v) {
     uint64_t u = static_cast<uint64_t>(v);
     for (int i = 0; i < 8; i++) at[i] = static_cast<char>((u >> (8 * i)) & 0xFF);
 }
+#endif
 
 // Makes room for `needed` more bytes: grows to one and a half times
 // (capacity + needed). false when the buffer is finished or memory fails.

@@ -9,7 +9,19 @@
 
 namespace {
 
-const char kHexDigits[] = "0123456789ABCDEF";
+constexpr char kHexDigits[] = "0123456789ABCDEF";
+
+// The two digits of every byte: one lookup per byte.
+struct HexPairs {
+    char pair[256][2];
+    constexpr HexPairs() : pair() {
+        for (int b = 0; b < 256; b++) {
+            pair[b][0] = kHexDigits[b >> 4];
+            pair[b][1] = kHexDigits[b & 0x0F];
+        }
+    }
+};
+constexpr HexPairs kHexPairs;
 
 // Task length code 3 stands for 20 bytes, not 16.
 const size_t kTaskLengths[4] = {4, 8, 12, 20};
@@ -90,11 +102,7 @@ void vesk_btoh(const uint8_t *bytes, char *hex, size_t len) {
     assert(bytes);
     assert(hex);
     // Last byte first, so that hex may overlay bytes.
-    for (size_t i = len; i-- > 0;) {
-        uint8_t b = bytes[i];
-        hex[2 * i + 1] = kHexDigits[b & 0x0F];
-        hex[2 * i] = kHexDigits[b >> 4];
-    }
+    for (size_t i = len; i-- > 0;) memcpy(hex + 2 * i, kHexPairs.pair[bytes[i]], 2);
 }
 
 int vesk_htob(const char *hex, size_t len, uint8_t *bytes) {
