@@ -7,6 +7,7 @@
 #   CORVIDINE_SO=path tools/bench-request-cost.sh      an already built module
 #   BENCH_PROFILE_DIR=dir tools/bench-request-cost.sh  keep the callgrind files
 #                                                      (callgrind_annotate them)
+#   BENCH_CALLGRIND_ARGS="--cache-sim=yes" ...         more callgrind options
 #
 # fpm: php-fpm8.2 with one worker under callgrind, as tools/bench-http.sh
 #      runs it (clear_env = no), answering REQUESTS FastCGI requests that
@@ -82,7 +83,7 @@ for i in range(33):
 
 # Callgrind counts only inside these, the whole of a request's PHP work.
 COLLECT = ["--collect-atstart=no", "--toggle-collect=php_request_startup", "--toggle-collect=php_execute_script",
-           "--toggle-collect=php_request_shutdown"]
+           "--toggle-collect=php_request_shutdown"] + os.environ.get("BENCH_CALLGRIND_ARGS", "").split()
 
 udp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 udp.bind(("127.0.0.1", 0))
