@@ -96,7 +96,7 @@ typedef struct php_vesk_test_record {
  * string's length for strings and to 8 for integers. */
 static void php_vesk_test_fill_record(zval *spec, php_vesk_kv *record, php_vesk_test_record *store) {
     memset(record, 0, sizeof(*record));
-    record->type = -1; /* skipped unless the spec is usable */
+    record->type = -1; /* skipped unless the description is usable */
     if (Z_TYPE_P(spec) != IS_ARRAY) {
         return;
     }
