@@ -52,7 +52,6 @@ SO=${CORVIDINE_SO:-$("$ROOT/tools/test-ext.sh" nts --build-only | tail -n1)}
 
 exec /usr/bin/python3 - "$MODE" "$SO" "$ROOT/tests/integration/www/index.php" "$REQUESTS" \
   "${BENCH_PROFILE_DIR:-}" <<'PY'
-import glob
 import os
 import re
 import signal
@@ -186,9 +185,9 @@ def run_fpm(name, args, env, count, out_prefix):
     with open(os.path.join(work, "fpm.conf"), "w") as handle:
         handle.write(FPM_CONF.format(dir=work, port=port))
     out = os.path.join(work, "callgrind.%p")
-    fpm = subprocess.Popen(["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out] + COLLECT + ["/usr/sbin/php-fpm8.2",
-                            "-F", "-R", "-n", "-y", os.path.join(work, "fpm.conf")] + args,
-                           env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out] + COLLECT + [
+        "/usr/sbin/php-fpm8.2", "-F", "-R", "-n", "-y", os.path.join(work, "fpm.conf")] + args
+    fpm = subprocess.Popen(command, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     try:
         wait_for_port(port, fpm)
         deadline = time.time() + 60
@@ -265,7 +264,8 @@ for name, args, extra_env in setups:
     note = ""
     if "UDP" in name:
         time.sleep(0.2)  # the last datagrams
-        note = "  (%.2f events/request)" % ((received[0] - before) / (3.0 * requests))
+        datagrams = (received[0] - before) / (3.0 * requests)
+        note = "  (%.2f datagrams/request, with one __Init per run)" % datagrams
     print("%-28s %14.0f %14.0f %10.3f%s" % (name, per_request, per_request - base, per_request / base, note),
           flush=True)
 PY
