@@ -27,10 +27,12 @@ build-tsan: deps
 	@cmake --build $(TSAN_BUILD) -j$(JOBS)
 
 # The core and reporters must build without PHP: no file of theirs may name
-# PHP's headers.
+# PHP's headers. Thrift stays out of the core too.
 check-core-isolation:
 	@if grep -rnE '#\s*include\s*[<"](php|zend|main/|Zend/|TSRM)' core reporters; then \
 	  echo "core/reporters must not include PHP headers" >&2; exit 1; fi
+	@if grep -rnE '#\s*include\s*[<"](thrift/|Collector\.h|collector_types\.h)' core; then \
+	  echo "core must not include Thrift headers (they belong in reporters/collector)" >&2; exit 1; fi
 
 run: deps
 	@tools/demo/run.sh
