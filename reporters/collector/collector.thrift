@@ -28,8 +28,12 @@ enum VeskSettingType {
   CONFIG_INT = 7
 }
 
+// Result codes and setting types travel as plain i32 fields (the same bytes
+// as the enums): a Collector may send a value outside the enum, and the
+// client must carry it unchanged, not as an invalid enum value.
+
 struct ResultMessage {
-  1: ResultCode result,
+  1: i32 result,  // ResultCode
   // For REDIRECT: the new target as "host:port".
   2: string arg
 }
@@ -50,7 +54,7 @@ struct HostID {
 
 // One remote setting. There is no field 6.
 struct VeskSetting {
-  1: VeskSettingType type,
+  1: i32 type,  // VeskSettingType
   2: string flags,
   3: i64 timestamp,
   4: i64 value,
@@ -60,7 +64,7 @@ struct VeskSetting {
 }
 
 struct SettingsResult {
-  1: ResultCode result,
+  1: i32 result,  // ResultCode
   2: string arg,
   3: list<VeskSetting> settings
 }

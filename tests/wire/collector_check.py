@@ -116,9 +116,20 @@ def main():
         out, _ = probe(c.port, trust, "connect", recv=300)
         assert out == ["connect failed response=5"] and time.monotonic() - start < 5, out
     with Collector(tls=server_context(good)) as c:
-        c.script("ping", "HANG")
+        c.script("ping", "HANG", "HANG")
         out, log = probe(c.port, trust, "connect", recv=300)
         assert out == ["connect failed response=5"] and "connect: Ping error:" in log, (out, log)
+        # While one client waits on its stalled connection, another is served.
+        stalled = subprocess.Popen([PROBE, "localhost", str(c.port), trust, KEY, "recv=20000", "connect"],
+                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        deadline = time.monotonic() + 10
+        while len(c.calls) < 2:
+            assert time.monotonic() < deadline and stalled.poll() is None, "the stalled client never called"
+            time.sleep(0.01)
+        out, _ = probe(c.port, trust, "connect", "ping")
+        assert out == ["connect ok response=1", "ping result=0 arg="] and stalled.poll() is None, out
+        stalled.kill()
+        stalled.wait()
     checks.append("non-Collectors refused or timed out")
 
     # The ping's answer sets server_response; REDIRECT and unknown codes
