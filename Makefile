@@ -7,7 +7,7 @@ PYTHON ?= /usr/bin/python3
 
 TSAN_BUILD ?= build-tsan
 
-.PHONY: bench-core bench-ext bench-http all deps build build-asan build-tsan run test test-unit test-tsan test-wire bench clean check-core-isolation
+.PHONY: bench-core bench-collector bench-ext bench-http all deps build build-asan build-tsan run test test-unit test-tsan test-wire bench clean check-core-isolation
 
 all: build
 
@@ -55,12 +55,18 @@ test: deps
 	@tools/run-tests.sh
 
 # Every benchmark, each against a baseline measured in the same run.
-bench: bench-core bench-ext bench-http
+bench: bench-core bench-collector bench-ext bench-http
 
 bench-core: deps
 	@cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DCORVIDINE_TESTS=OFF >/dev/null
 	@cmake --build $(BENCH_BUILD) -j$(JOBS)
 	@$(BENCH_BUILD)/core_bench --benchmark_min_time=0.2
+
+# Round trips to the test Collector (Python, loopback): connect, and posts.
+bench-collector: deps
+	@cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DCORVIDINE_TESTS=OFF >/dev/null
+	@cmake --build $(BENCH_BUILD) -j$(JOBS) --target collector_bench
+	@$(BENCH_BUILD)/collector_bench --benchmark_min_time=0.5
 
 bench-ext: deps
 	@tools/bench-ext.sh nts

@@ -11,6 +11,9 @@
 // Threads: connect() runs on both sender threads at once, each with its own
 // link. The target and the last server response are guarded; no lock is
 // held during network I/O. closeSockets() is for a forked child only.
+// A write to a peer that has gone raises SIGPIPE: the process that uses
+// these connections ignores SIGPIPE (the reporter's set-up does), so the
+// write fails with an error instead.
 #ifndef CORVIDINE_COLLECTOR_CONNECTOR_H
 #define CORVIDINE_COLLECTOR_CONNECTOR_H
 

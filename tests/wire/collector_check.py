@@ -113,8 +113,9 @@ def main():
     refused(None, trust, "failed to connect: SSL_connect:")
     with Collector(silent=True) as c:
         start = time.monotonic()
-        out, _ = probe(c.port, trust, "connect", recv=300)
+        out, log = probe(c.port, trust, "connect", recv=300)
         assert out == ["connect failed response=5"] and time.monotonic() - start < 5, out
+        assert "failed to connect: THRIFT_POLL (timed out)" in log, log
     with Collector(tls=server_context(good)) as c:
         c.script("ping", "HANG", "HANG")
         out, log = probe(c.port, trust, "connect", recv=300)

@@ -146,6 +146,7 @@ class Collector:
             if self.silent:
                 self._stop.wait()
                 return
+            conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)  # small replies go out at once
             if self.tls is not None:
                 conn.settimeout(10)
                 try:
@@ -292,6 +293,7 @@ def main():
     parser.add_argument("--dir", required=True, help="where the throw-away CA and server certificate go")
     parser.add_argument("--reply", action="append", default=[], metavar="METHOD=REPLY",
                         help="script a reply, e.g. postEvents=TRY_LATER (repeatable, in order)")
+    parser.add_argument("--quiet", action="store_true", help="print the port line only, not the calls")
     opts = parser.parse_args()
     os.makedirs(opts.dir, exist_ok=True)
     ca = Authority(opts.dir)
@@ -300,16 +302,16 @@ def main():
         method, _, reply = item.partition("=")
         collector.script(method, reply)
     print(json.dumps({"port": collector.port, "trusted": ca.pem_path}), flush=True)
-    seen = 0
     try:
         while True:
             time.sleep(0.2)
-            calls = list(collector.calls)
-            for call in calls[seen:]:
+            with collector._lock:
+                calls, collector.calls[:] = list(collector.calls), []
+            for call in [] if opts.quiet else calls:
                 print(json.dumps(call, default=lambda b: b.hex() if isinstance(b, bytes) else str(b)), flush=True)
-            seen = len(calls)
     except KeyboardInterrupt:
-        collector.stop()
+        pass
+    collector.stop()
 
 
 if __name__ == "__main__":
