@@ -12,8 +12,8 @@
 // link. The target and the last server response are guarded; no lock is
 // held during network I/O. closeSockets() is for a forked child only.
 // A write to a peer that has gone raises SIGPIPE: the process that uses
-// these connections ignores SIGPIPE (the reporter's set-up does), so the
-// write fails with an error instead.
+// these connections must ignore SIGPIPE (the Collector reporter's set-up
+// is the place), so that the write fails with an error instead.
 #ifndef CORVIDINE_COLLECTOR_CONNECTOR_H
 #define CORVIDINE_COLLECTOR_CONNECTOR_H
 
