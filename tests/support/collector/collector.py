@@ -175,7 +175,7 @@ class Collector:
         reader = TBinaryProtocol.TBinaryProtocol(TZlibTransport.TZlibTransport(sock))
         compressor = zlib.compressobj()  # one zlib stream per direction and connection
 
-        def send(payload, close=False):
+        def send(payload):
             conn.sendall(compressor.compress(payload) + compressor.flush(zlib.Z_SYNC_FLUSH))
 
         while not self._stop.is_set():
