@@ -143,16 +143,18 @@ def main():
         assert all(line.startswith("connect ok") for line in out), out
     checks.append("ping answers to server_response")
 
-    # A REDIRECT on a post moves the target; the next connect goes there.
+    # A REDIRECT on a post moves the target; the next connects of both
+    # links (made at once, on two threads) go there.
     with Collector(tls=server_context(good)) as first, Collector(tls=server_context(good)) as second:
         first.script("postEvents", "REDIRECT localhost:%d" % second.port)
-        out, _ = probe(first.port, trust, "connect", "postEvents:" + docs[0].hex(), "redirect", "connect",
+        out, _ = probe(first.port, trust, "connect", "postEvents:" + docs[0].hex(), "redirect", "connect-both",
                        "postEvents:" + docs[1].hex())
         assert out == ["connect ok response=1", "postEvents result=4 arg=localhost:%d" % second.port,
-                       "redirect rc=0 target=localhost:%d" % second.port, "connect ok response=1",
+                       "redirect rc=0 target=localhost:%d" % second.port, "connect-both event=ok metric=ok",
                        "postEvents result=0 arg="], out
         assert [c["messages"] for c in first.calls_of("postEvents")] == [docs[:1]]
         assert [c["messages"] for c in second.calls_of("postEvents")] == [docs[1:]]
+        assert len({c["conn"] for c in second.calls_of("ping")}) == 2, second.calls
     checks.append("redirect followed")
 
     # Bad replies: each call fails cleanly, and the next connect works.

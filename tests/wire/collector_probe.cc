@@ -1,6 +1,7 @@
 // Drives one Collector connection step by step for collector_check.py:
 //   collector_probe HOST PORT TRUSTFILE APIKEY [recv=MS] STEP...
-// Steps: connect, ping, postEvents:HEX,HEX.. (also postMetrics, postStatus),
+// Steps: connect, connect-both (the event and the metric link at once, on
+// two threads), ping, postEvents:HEX,HEX.. (also postMetrics, postStatus),
 // getSettings, redirect (follow the last answer's arg), close,
 // fork-closeSockets, maxrss. One line per step on stdout; the debug log
 // (level low) goes to stderr.
@@ -13,6 +14,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "connector.h"
@@ -87,6 +89,12 @@ int main(int argc, char **argv) {
             if (name == "connect") {
                 int fd = connector.connect(link);
                 printf("connect %s response=%d\n", fd > 0 ? "ok" : "failed", connector.getServerResponse());
+            } else if (name == "connect-both") {
+                int fds[2] = {0, 0};
+                std::thread metric([&] { fds[1] = connector.connect(connector.metricLink); });
+                fds[0] = connector.connect(link);
+                metric.join();
+                printf("connect-both event=%s metric=%s\n", fds[0] > 0 ? "ok" : "failed", fds[1] > 0 ? "ok" : "failed");
             } else if (name == "ping") {
                 wire::ResultMessage reply;
                 link.client->ping(reply, argv[4]);
