@@ -26,11 +26,13 @@ build-tsan: deps
 	@cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCORVIDINE_TSAN=ON -DCORVIDINE_BENCH=OFF >/dev/null
 	@cmake --build $(TSAN_BUILD) -j$(JOBS)
 
-# The core and reporters must build without PHP: no file of theirs may name
-# PHP's headers.
+# The core, reporters and metrics must build without PHP: no file of theirs
+# may name PHP's headers (and metrics no Thrift or sockets either).
 check-core-isolation:
-	@if grep -rnE '#\s*include\s*[<"](php|zend|main/|Zend/|TSRM)' core reporters; then \
-	  echo "core/reporters must not include PHP headers" >&2; exit 1; fi
+	@if grep -rnE '#\s*include\s*[<"](php|zend|main/|Zend/|TSRM)' core reporters metrics; then \
+	  echo "core/reporters/metrics must not include PHP headers" >&2; exit 1; fi
+	@if grep -rnE '#\s*include\s*[<"](thrift/|sys/socket|netinet/|arpa/)' metrics; then \
+	  echo "metrics must not include Thrift or socket headers" >&2; exit 1; fi
 
 run: deps
 	@tools/demo/run.sh
