@@ -12,6 +12,10 @@ packages=(
   python3 python3-bson python3-thrift python3-cryptography
   nginx-light curl netcat-openbsd wrk
 )
+# Test-only readers of histogram encodings (tests/wire): Java's HdrHistogram,
+# and node with npm for hdr-histogram-js (a node that bundles npm needs no npm package).
+packages+=(openjdk-17-jdk-headless libhdrhistogram-java nodejs)
+command -v npm >/dev/null 2>&1 || packages+=(npm)
 
 missing=()
 for p in "${packages[@]}"; do
