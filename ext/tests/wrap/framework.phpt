@@ -2,6 +2,8 @@
 Wrap framework: handlers replaced once, per-request families; user and internal subclasses, by-reference arguments, exceptions; plain, opcache, JIT
 --EXTENSIONS--
 corvidine
+--SKIPIF--
+<?php if (!extension_loaded('curl') && !file_exists(PHP_EXTENSION_DIR . '/curl.so')) die('skip needs cURL (its family is counted in the state)'); ?>
 --FILE--
 <?php
 require __DIR__ . '/wrap.inc';
@@ -42,7 +44,7 @@ $cases = [
 $first = [];
 foreach (wr_engines() as $engine => $engine_ini) {
     foreach ($cases as $case => $ini) {
-        $r = rq_run($script, $engine_ini + $ini + ['corvidine.internal_test_hooks' => 1]);
+        $r = rq_run($script, $engine_ini + wr_curl_ini() + $ini + ['corvidine.internal_test_hooks' => 1]);
         preg_match('/^jit: (.*)$/m', $r['out'], $jit);
         $out = preg_replace('/^jit: .*\n/m', '', $r['out']) . $r['err'];
         $entries = wr_events($r, 'test_wrap', 'entry');
@@ -71,13 +73,13 @@ foreach (wr_engines() as $engine => $engine_ini) {
 [1,["bc","b","c"],39,1,20,"JsonException OutOfBoundsException at ArrayIterator::seek"]
 reflection: matches by reference, ArrayObject
 calls: {"preg_match":40,"json_decode":40,"ArrayObject::offsetGet":40,"ArrayIterator::offsetGet":80,"ArrayIterator::seek":40}
-state: {"state":-1,"mask":5}
+state: {"state":-1,"mask":7}
 events: 240 entries, 240 exits {"ArrayIterator::offsetGet":80,"ArrayIterator::seek (exception)":40,"ArrayObject::offsetGet":40,"json_decode (exception)":40,"preg_match":40}
 -- untraced
 [1,["bc","b","c"],39,1,20,"JsonException OutOfBoundsException at ArrayIterator::seek"]
 reflection: matches by reference, ArrayObject
 calls: {"preg_match":0,"json_decode":0,"ArrayObject::offsetGet":0,"ArrayIterator::offsetGet":0,"ArrayIterator::seek":0}
-state: {"state":1,"mask":1}
+state: {"state":2,"mask":3}
 events: 0 entries, 0 exits []
 -- enable_wrap=0
 [1,["bc","b","c"],39,1,20,"JsonException OutOfBoundsException at ArrayIterator::seek"]
