@@ -61,16 +61,24 @@ static int php_vesk_wrap_record_count;
 
 /* The call of an active family: in, the original on the same frame, out.
  * The pair lives on this activation's stack, so a wrapped call made inside
- * another (a cURL callback, say) gets a pair of its own. */
-static zend_never_inline void php_vesk_wrap_active_call(const php_vesk_wrap_target *target,
-                                                        zend_execute_data *execute_data, zval *return_value) {
-    intptr_t in_result = target->in(execute_data, return_value, target);
+ * another (a cURL callback, say) gets a pair of its own. Only a traced
+ * request can have sent an entry event, so only there is the context copied
+ * for the out callback; elsewhere it gets null. The record owns nothing, so
+ * it needs no destroy. */
+static zend_always_inline void php_vesk_wrap_active_call(const php_vesk_wrap_target *target,
+                                                         zend_execute_data *execute_data, zval *return_value) {
+    intptr_t in_result = target->in != vesk_noop_in ? target->in(execute_data, return_value, target) : 0;
+    if (!VESK_G(tracing)) {
+        target->original(execute_data, return_value);
+        if (target->out != vesk_noop_out) {
+            target->out(execute_data, return_value, NULL, in_result, target);
+        }
+        return;
+    }
     vesk_metadata_t entry;
-    vesk_metadata_init(&entry);
     vesk_metadata_copy(&entry, vesk_context_get());
     target->original(execute_data, return_value);
     target->out(execute_data, return_value, &entry, in_result, target);
-    vesk_metadata_destroy(&entry);
 }
 
 static zend_always_inline void php_vesk_wrap_call(const php_vesk_wrap_target *target,

@@ -46,7 +46,8 @@ typedef intptr_t (*php_vesk_wrap_in_fn)(zend_execute_data *execute_data, zval *r
                                         const php_vesk_wrap_target *target);
 /* Runs after the original, also when it left an exception pending (then
  * return_value may be unset). entry is the context as it was after the in
- * callback: the id of the entry event, if one was sent. */
+ * callback (the id of the entry event, if one was sent) on a traced request,
+ * null on an untraced one. */
 typedef void (*php_vesk_wrap_out_fn)(zend_execute_data *execute_data, zval *return_value,
                                      const vesk_metadata_t *entry, intptr_t in_result,
                                      const php_vesk_wrap_target *target);
