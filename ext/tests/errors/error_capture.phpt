@@ -33,6 +33,7 @@ $cases = [
     'compile warning' => ["include '$compile_warning';", []],
     'fatal error at request end' => ['register_shutdown_function(function () { undefined_function(); });', []],
     'handled by set_error_handler' => ['set_error_handler(fn() => true); $a = []; echo $a[1];', []],
+    'enable_error_callback off at module start: no hook' => ['$a = []; echo $a[1];', ['corvidine.enable_error_callback' => 0, 'corvidine.log_trace_id' => 'enabled']],
     'enable_error_callback off at run time' => ['ini_set("corvidine.enable_error_callback", "0"); $a = []; echo $a[1];', []],
     'log trace id, "%" kept' => ['trigger_error("100% %s %d sure", E_USER_WARNING);', ['corvidine.log_trace_id' => 'enabled']],
     '@warning, log trace id' => ['$a = []; echo @$a[1]; echo error_get_last()["message"];', ['corvidine.log_trace_id' => 'enabled']],
@@ -143,6 +144,9 @@ Stack trace:
 -- handled by set_error_handler
 exit event
 
+-- enable_error_callback off at module start: no hook
+exit event
+Warning: Undefined array key 1 in FILE on line 2
 -- enable_error_callback off at run time
 exit event
 Warning: Undefined array key 1 in FILE on line 2
