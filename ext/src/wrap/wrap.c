@@ -81,9 +81,10 @@ static zend_always_inline void php_vesk_wrap_active_call(const php_vesk_wrap_tar
     target->out(execute_data, return_value, &entry, in_result, target);
 }
 
-static zend_always_inline void php_vesk_wrap_call(const php_vesk_wrap_target *target,
+/* family is the target's, as a constant: one test of the thread's mask. */
+static zend_always_inline void php_vesk_wrap_call(int family, const php_vesk_wrap_target *target,
                                                   zend_execute_data *execute_data, zval *return_value) {
-    if (EXPECTED((VESK_G(wrap_mask) & PHP_VESK_FAMILY_BIT(target->family)) == 0)) {
+    if (EXPECTED((VESK_G(wrap_mask) & PHP_VESK_FAMILY_BIT(family)) == 0)) {
         target->original(execute_data, return_value);
         return;
     }
@@ -92,7 +93,8 @@ static zend_always_inline void php_vesk_wrap_call(const php_vesk_wrap_target *ta
 
 #define PHP_VESK_WRAP_HANDLER(family, id, cls, name, in, out, data)                                     \
     static ZEND_NAMED_FUNCTION(zif__vesk_wrapped_##id) {                                               \
-        php_vesk_wrap_call(&php_vesk_wrap_targets[PHP_VESK_WRAP_TARGET_##id], execute_data, return_value); \
+        php_vesk_wrap_call(PHP_VESK_WRAP_FAMILY_##family, &php_vesk_wrap_targets[PHP_VESK_WRAP_TARGET_##id], \
+                           execute_data, return_value);                                                \
     }
 PHP_VESK_WRAP_TARGETS(PHP_VESK_WRAP_HANDLER)
 #undef PHP_VESK_WRAP_HANDLER
