@@ -55,7 +55,6 @@ typedef struct {
 } php_vesk_wrap_copy;
 static php_vesk_wrap_copy *php_vesk_wrap_copies;
 static int php_vesk_wrap_copy_count;
-static int php_vesk_wrap_record_count;
 
 #define PHP_VESK_FAMILY_BIT(family) (1u << (unsigned)(family))
 
@@ -134,7 +133,6 @@ static void php_vesk_wrap_subclasses(zend_class_entry *parent, const char *lc_na
                                          sizeof(*php_vesk_wrap_copies) * (size_t)(php_vesk_wrap_copy_count + 1), 1);
         php_vesk_wrap_copies[php_vesk_wrap_copy_count++] = (php_vesk_wrap_copy){&copy->internal_function, target};
         copy->internal_function.handler = target->wrapper;
-        php_vesk_wrap_record_count++;
     }
     ZEND_HASH_FOREACH_END();
 }
@@ -161,7 +159,6 @@ static void php_vesk_wrap_install(php_vesk_wrap_target *target) {
         target->original = function->internal_function.handler;
         function->internal_function.handler = target->wrapper;
         php_vesk_wrap_installed |= PHP_VESK_FAMILY_BIT(target->family);
-        php_vesk_wrap_record_count++;
         if (ce != NULL) {
             php_vesk_wrap_subclasses(ce, lc_name, length, target);
         }
@@ -207,11 +204,6 @@ void php_vesk_wrap_mshutdown(void) {
         target->original = NULL;
     }
     php_vesk_wrap_installed = 0;
-    php_vesk_wrap_record_count = 0;
-}
-
-int php_vesk_wrap_count(void) {
-    return php_vesk_wrap_record_count;
 }
 
 /* An on/off entry: the low byte of its integer value is 1. */

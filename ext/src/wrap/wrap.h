@@ -89,7 +89,4 @@ void php_vesk_wrap_request_end(void);
 /* corvidine.enable_wrap is on (read at the request's join points). */
 int php_vesk_wrap_enabled(void);
 
-/* phpinfo(): how many records were wrapped at module start. */
-int php_vesk_wrap_count(void);
-
 #endif
