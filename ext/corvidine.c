@@ -58,8 +58,8 @@ static PHP_MINFO_FUNCTION(vesk) {
     php_vesk_info(zend_module);
 }
 
-/* The functions offered to PHP code, and the replacement functions of the
- * wrappers, join this table with their features. */
+/* The functions offered to PHP code join this table with their features
+ * (the wrappers need no entries here: see src/wrap/wrap.h). */
 static const zend_function_entry vesk_functions[] = {PHP_FE_END};
 
 /* The modules whose functions are wrapped start before this one. */
