@@ -75,6 +75,7 @@ bench-ext: deps
 	@tools/bench-ext.sh nts
 	@tools/bench-events.sh nts
 	@tools/bench-request-cost.sh
+	@tools/bench-wrap.sh nts
 
 bench-http: deps
 	@tools/bench-http.sh

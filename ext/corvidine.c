@@ -8,6 +8,7 @@
 #include "src/lifecycle/info.h"
 #include "src/lifecycle/module.h"
 #include "src/lifecycle/request.h"
+#include "src/wrap/wrap_list.h"
 
 ZEND_DECLARE_MODULE_GLOBALS(vesk)
 
@@ -57,12 +58,19 @@ static PHP_MINFO_FUNCTION(vesk) {
     php_vesk_info(zend_module);
 }
 
-/* The functions offered to PHP code, and the replacement functions of the
- * wrappers, join this table with their features. */
+/* The functions offered to PHP code join this table with their features
+ * (the wrappers need no entries here: see src/wrap/wrap.h). */
 static const zend_function_entry vesk_functions[] = {PHP_FE_END};
 
+/* The modules whose functions are wrapped start before this one. */
+#define PHP_VESK_WRAP_DEPENDENCY(id, switch_name, module, span, test_only) ZEND_MOD_OPTIONAL(module)
+static const zend_module_dep vesk_deps[] = {PHP_VESK_WRAP_FAMILIES(PHP_VESK_WRAP_DEPENDENCY) ZEND_MOD_END};
+#undef PHP_VESK_WRAP_DEPENDENCY
+
 zend_module_entry vesk_module_entry = {
-    STANDARD_MODULE_HEADER,
+    STANDARD_MODULE_HEADER_EX,
+    NULL,
+    vesk_deps,
     PHP_CORVIDINE_EXTNAME,
     vesk_functions,
     PHP_MINIT(vesk),

@@ -39,7 +39,8 @@ ZEND_BEGIN_MODULE_GLOBALS(vesk)
     vesk_event_t exit_event;
     zend_uchar trace_started; /* a trace was started, sampled or not */
     zend_uchar tracing;       /* this request is sampled */
-    int32_t wrap_state;
+    int32_t wrap_state; /* 0 none; traced 1 or -1; untraced +1 per span family */
+    uint32_t wrap_mask; /* active wrap families, bit per family (src/wrap) */
     int enable_sanitize_sql;
     /* Bound to the INI entries of the same names (OnUpdateBool). */
     zend_bool enable_error_callback;

@@ -34,7 +34,7 @@ JOBS=${JOBS:-$(nproc)}
 log() { printf 'test-ext[%s]: %s\n' "$FLAVOUR" "$*"; }
 
 # --- packages the tests need ---------------------------------------------------
-packages=(php8.2-dev php8.2-cli php8.2-fpm python3-bson nginx-light pkg-config libpcre2-dev libssl-dev)
+packages=(php8.2-dev php8.2-cli php8.2-fpm php8.2-curl python3-bson nginx-light pkg-config libpcre2-dev libssl-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -7,6 +7,7 @@ trace documents of all threads must be whole and joined up.
 """
 import collections
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -50,7 +51,7 @@ class ThreadedServer(unittest.TestCase):
         if os.environ.get("CORVIDINE_IT_KEEP") != "1":
             shutil.rmtree(cls.dir, ignore_errors=True)
 
-    def run_threads(self, prefix=()):
+    def run_threads(self, prefix=(), extra_env=None):
         work = tempfile.mkdtemp(dir=self.dir)
         for i in range(THREADS):
             with open(os.path.join(work, "rules-%d.ini" % i), "w") as handle:
@@ -58,6 +59,7 @@ class ThreadedServer(unittest.TestCase):
         traces = os.path.join(work, "trace.bson")
         env = dict(os.environ, CORVIDINE_REPORTER="file", CORVIDINE_COLLECTOR=traces,
                    CORVIDINE_TOKEN_BUCKET_CAPACITY="1000000", CORVIDINE_TOKEN_BUCKET_RATE="1000000")
+        env.update({k: v.replace("@WORK@", work) for k, v in (extra_env or {}).items()})
         result = subprocess.run(list(prefix) + [self.binary, harness.CURRENT_PHP.module, work, str(THREADS),
                                                 str(REQUESTS)], env=env, capture_output=True, text=True,
                                 timeout=600)
@@ -84,3 +86,47 @@ class ThreadedServer(unittest.TestCase):
             self.assertEqual(entry["X-Trace"][42:58], exit_["Edge"])
             self.assertEqual("/" + entry["URL"].split("/")[1] + "/" + entry["URL"].split("/")[2],
                              exit_["TransactionName"])
+
+    def test_wrappers_per_thread(self):
+        """Traced and untraced requests run the same wrapped functions at the
+        same moment on different threads: each request's error_log line carries
+        its own trace id and sampled flag, and the wrap events of a trace are
+        those of its own request only."""
+        code = ("preg_match('~^/t(\\d+)/r(\\d+)~', $_SERVER['REQUEST_URI'], $m);"
+                "for ($i = 0; $i < 3; $i++) { (new ArrayObject(['k' => $i]))->offsetGet('k'); }"
+                "error_log(\"t{$m[1]} r{$m[2]}\", 3, \"@WORK@/log-t{$m[1]}-r{$m[2]}.txt\");")
+        result, traces = self.run_threads(extra_env={
+            "CORVIDINE_THREADS_CODE": code,
+            "CORVIDINE_THREADS_INI": "corvidine.internal_test_hooks=1\ncorvidine.log_trace_id=enabled"})
+        self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
+        work = os.path.dirname(traces)
+        by_task = collections.defaultdict(list)
+        for event in harness.decode_documents(traces):
+            if "Label" in event and not event.get("__Init"):
+                by_task[event["X-Trace"][2:42]].append(event)
+        entries = {e["URL"]: task for task, events in by_task.items() for e in events if e["Label"] == "entry"
+                   and e.get("Layer") == "PHP"}
+        seen = set()
+        for t in range(THREADS):
+            for r in range(REQUESTS):
+                with self.subTest(thread=t, request=r):
+                    with open(os.path.join(work, "log-t%d-r%d.txt" % (t, r))) as handle:
+                        line = handle.read()
+                    match = re.fullmatch(r"t%d r%d \[zq\.traceId=([0-9A-F]{40})-([01])\]" % (t, r), line)
+                    self.assertIsNotNone(match, line)
+                    task, flag = match.groups()
+                    self.assertNotIn(task, seen)
+                    seen.add(task)
+                    if r % 2:
+                        self.assertEqual("0", flag)
+                        self.assertNotIn(task, by_task)
+                        continue
+                    self.assertEqual("1", flag)
+                    self.assertEqual(task, entries.get("/t%d/r%d" % (t, r)))
+                    events = by_task[task]
+                    self.assertEqual(["t%d r%d" % (t, r)], [e["Message"] for e in events if e["Label"] == "error_log"])
+                    wrapped = collections.Counter((e["Label"], e["Function"]) for e in events
+                                                  if e.get("Layer") == "test_wrap")
+                    self.assertEqual({("entry", "preg_match"): 1, ("exit", "preg_match"): 1,
+                                      ("entry", "ArrayObject::offsetGet"): 3, ("exit", "ArrayObject::offsetGet"): 3},
+                                     dict(wrapped))

@@ -11,11 +11,14 @@
 
 #include "src/config/ini.h"
 #include "src/config/init_options.h"
+#include "src/errors/errors.h"
 #include "src/events/php_vesk_events.h"
 #include "src/hooks/observer.h"
 #include "src/lifecycle/init_event.h"
 #include "src/lifecycle/module.h"
 #include "src/request/request_trace.h"
+#include "src/testing/wrap_family.h"
+#include "src/wrap/wrap.h"
 
 /* Written by module start and shutdown only, on the main thread. */
 static php_vesk_module_state php_vesk_state = PHP_VESK_NOT_STARTED;
@@ -122,9 +125,10 @@ zend_result php_vesk_module_startup(int type, int module_number) {
     php_vesk_ready_wait();
     php_vesk_send_init_event();
 
-    /* PHP error capture installs its zend_error_cb hook here when
-     * corvidine.enable_error_callback is on. */
-    /* The internal class "vesk" of the function wrappers is registered here. */
+    php_vesk_errors_minit(); /* when corvidine.enable_error_callback is on */
+    /* The wrapped modules started before this one (optional dependencies). */
+    php_vesk_test_wrap_minit(type);
+    php_vesk_wrap_minit();
     /* The HTTP stream wrapper starts here when corvidine.enable_wrap and
      * corvidine.enable_wrap_http are both on. */
 
@@ -155,8 +159,9 @@ zend_result php_vesk_module_shutdown(int type, int module_number) {
         VESK_G(ini_service_name) = NULL;
     }
 
-    /* The HTTP stream wrapper stops here, and the zend_error_cb hook of
-     * PHP error capture is restored here. */
+    /* The HTTP stream wrapper stops here. */
+    php_vesk_wrap_mshutdown();
+    php_vesk_errors_mshutdown();
 
     php_vesk_ini_unregister(type, module_number);
     php_vesk_hooks_shutdown();

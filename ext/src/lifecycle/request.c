@@ -8,6 +8,7 @@
 #include "src/lifecycle/request.h"
 #include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
+#include "src/wrap/wrap.h"
 
 /* Shortest profiling interval, in microseconds. */
 #define PHP_VESK_MIN_PROFILING_INTERVAL_US 20000
@@ -71,9 +72,6 @@ zend_result php_vesk_request_startup(void) {
     array_init(&VESK_G(custom_kvs));
     php_vesk_request_service_name();
 
-    /* The function wrappers create their six per-request tables here when
-     * corvidine.enable_wrap is on. */
-
     if (php_vesk_request_ini_on(PHP_VESK_RINI_USE_CUSTOM_START_TRACE)) {
         /* PHP code starts the trace itself (corvidine_start_trace). */
         return SUCCESS;
@@ -136,7 +134,7 @@ zend_result php_vesk_request_shutdown(void) {
     php_vesk_free_request_string(&VESK_G(context_override));
     php_vesk_free_request_string(&VESK_G(pd_keys));
 
-    /* The function wrappers destroy their per-request tables here. */
+    php_vesk_wrap_request_end();
 
     php_vesk_free_request_string(&VESK_G(request_service_name));
     php_vesk_server_cache_clear();

@@ -14,6 +14,7 @@
 #include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
 #include "src/request/trace_options.h"
+#include "src/wrap/wrap.h"
 
 /* Records the entry event adds behind the caller's and the custom- options. */
 #define PHP_VESK_ENTRY_KEYS 13
@@ -113,9 +114,11 @@ static void php_vesk_drop_exit_event(void) {
 }
 
 static void php_vesk_unsampled_path(void) {
-    /* Join point of function wrapping: with corvidine.enable_wrap on and no
-     * wrappers in place (wrap_state 0), wrap_for_span() installs the
-     * metrics-only wrappers here. */
+    /* The families an untraced request needs too (X-Trace on outgoing
+     * calls, log trace ids). */
+    if (VESK_G(wrap_state) == 0 && php_vesk_wrap_enabled()) {
+        wrap_for_span();
+    }
 
     vesk_metadata_t *context = vesk_context_get();
     context->flags &= (uint8_t)~VESK_XTRACE_FLAG_SAMPLED;
@@ -201,9 +204,9 @@ static void php_vesk_sampled_path(const char *layer, const vesk_tracing_decision
         VESK_G(context_override) = NULL;
     }
 
-    /* Join point of function wrapping: with corvidine.enable_wrap on, tracing
-     * on and no wrappers in place (wrap_state 0), new_wrap_init() installs
-     * the full wrappers here. */
+    if (VESK_G(tracing) && VESK_G(wrap_state) == 0 && php_vesk_wrap_enabled()) {
+        new_wrap_init();
+    }
 }
 
 int php_vesk_start_trace(const char *layer, const char *xtrace, int *sample_rate, int *sample_source,
@@ -304,17 +307,17 @@ void php_vesk_end_trace(const php_vesk_kv *kvs, int kv_count, int event_flags) {
         }
         vesk_context_clear();
 
-        /* Join point of function wrapping: with corvidine.enable_wrap on and
-         * wrappers in place (wrap_state not 0), new_wrap_unload() removes
-         * them here. */
+        if (VESK_G(wrap_state) != 0 && php_vesk_wrap_enabled()) {
+            new_wrap_unload();
+        }
         VESK_G(tracing) = 0;
         return;
     }
 
     php_vesk_drop_exit_event();
-    /* Join point of function wrapping: with corvidine.enable_wrap on and the
-     * metrics-only wrappers in place (wrap_state above 0), unwrap_for_span()
-     * removes them here. */
+    if (VESK_G(wrap_state) > 0 && php_vesk_wrap_enabled()) {
+        unwrap_for_span();
+    }
     if (VESK_G(layer_name) != NULL) {
         efree(VESK_G(layer_name));
         VESK_G(layer_name) = NULL;

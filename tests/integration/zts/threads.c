@@ -8,6 +8,9 @@
  *
  *   threads EXTENSION SETTINGS-DIR THREADS REQUESTS
  *
+ * CORVIDINE_THREADS_CODE, when set, is the PHP code each request runs (else
+ * "echo 'ok';"); CORVIDINE_THREADS_INI adds INI lines.
+ *
  * Prints "requests N answered N sampled-headers N unsampled-headers N" and
  * exits 0 when every request was answered with an X-Trace header whose flags
  * match the rule.
@@ -123,7 +126,8 @@ static void *serve(void *argument) {
             fprintf(stderr, "thread %d: request %d did not start\n", thread_number, request_number);
             continue;
         }
-        zend_eval_string("echo 'ok';", NULL, "threads");
+        const char *code = getenv("CORVIDINE_THREADS_CODE");
+        zend_eval_string(code != NULL ? code : "echo 'ok';", NULL, "threads");
         php_request_shutdown(NULL);
         SG(server_context) = NULL;
 
@@ -159,7 +163,9 @@ int main(int argc, char **argv) {
     zend_signal_startup();
     sapi_startup(&threads_module);
     char *ini;
-    if (asprintf(&ini, "extension=%s\nmax_execution_time=0\nexpose_php=0\noutput_buffering=0\n", argv[1]) < 0) {
+    const char *extra_ini = getenv("CORVIDINE_THREADS_INI");
+    if (asprintf(&ini, "extension=%s\nmax_execution_time=0\nexpose_php=0\noutput_buffering=0\n%s\n", argv[1],
+                 extra_ini != NULL ? extra_ini : "") < 0) {
         return 1;
     }
     threads_module.ini_entries = ini;
