@@ -8,7 +8,9 @@ Events are read back with Debian's python3-bson. An event is written here as
 """
 import os
 import shutil
+import subprocess
 import tempfile
+import time
 import unittest
 
 import harness
@@ -81,7 +83,6 @@ class FixtureCase(unittest.TestCase):
             handle.write(text)
         php = harness.CURRENT_PHP
         if not with_module:
-            import subprocess
             return subprocess.run([php.cli, "-n", os.path.join(app, "index.php"), mode], capture_output=True,
                                   env=dict(os.environ, **(env or {})), timeout=60)
         result, traces, _ = harness.run_cli(php, os.path.join(app, "index.php"), dict(CLI_INI, **(ini or {})),
@@ -178,3 +179,109 @@ class FixtureCase(unittest.TestCase):
     def test_application_sees_the_same_without_the_agent(self):
         plain = self.run_fixture("8.83.26", with_module=False)
         self.assertEqual((0, APP_OUTPUT), (plain.returncode, plain.stdout))
+
+
+# Extensions Laravel 8 needs that Debian's PHP has as modules of their own
+# (the ZTS build has them built in); Debian's framework is on its include path.
+DEBIAN_FRAMEWORK = "/usr/share/php/Illuminate/Foundation/Application.php"
+NTS_EXTENSIONS = ["ctype", "mbstring", "tokenizer", "pdo", "pdo_sqlite"]
+
+# A request to /shop, provider spans left out: (layer label, keys).
+SHOP = [
+    ("laravel_autoload entry", {}), ("laravel_autoload exit", {}), ("laravel_bootstrap entry", {}),
+    ("laravel_bootstrap exit", {"LaravelVersion": "8", "LaravelRequestType": "Http"}),
+    ("laravel_handle entry", {}),
+    ("laravel_middleware_before entry", {"Middleware": "App\\Http\\Middleware\\StampResponse"}),
+    ("laravel_middleware_before exit", {}),
+    ("laravel_controller_execute entry", {"Controller": "App\\Http\\Controllers\\ShopController", "Action": "index"}),
+    ("laravel_event_listener entry", {"Listener": "App\\Listeners\\RecordOrder", "Handle": "handle",
+                                      "Events": "App\\Events\\OrderPlaced", "Queued": 0}),
+    ("laravel_event_listener exit", {}),
+    ("laravel_sql entry", {"Spec": "query", "Flavor": "sqlite", "Query": "select ? as answer"}),
+    ("laravel_sql exit", {}),
+    ("laravel_cache entry", {"KVOp": "put", "KVKey": "visits", "Flavor": "file", "RemoteHost": "127.0.0.1"}),
+    ("laravel_cache exit", {}),
+    ("laravel_cache entry", {"KVOp": "get", "KVKey": "visits", "Flavor": "file", "RemoteHost": "127.0.0.1"}),
+    ("laravel_cache exit", {}),
+    ("laravel_view_render entry", {"View": "shop"}), ("laravel_view_render exit", {}),
+    ("laravel_controller_execute exit", {}),
+    ("laravel_middleware_after entry", {"Middleware": "App\\Http\\Middleware\\StampResponse"}),
+    ("laravel_middleware_after exit", {}),
+    ("laravel_handle exit", {}),
+    ("laravel_respond entry", {}), ("laravel_respond exit", {}),
+    ("laravel_terminate entry", {}),
+    ("laravel_middleware_terminate entry", {"Middleware": "App\\Http\\Middleware\\StampResponse"}),
+    ("laravel_middleware_terminate exit", {}),
+    ("laravel_terminate exit", {}),
+]
+
+
+@unittest.skipUnless(os.path.exists(DEBIAN_FRAMEWORK), "php-laravel-framework is not installed")
+class Laravel8Case(unittest.TestCase):
+    """The application of laravel/app8 on Debian's Laravel 8, through nginx +
+    php-fpm (one worker, opcache on), with our Composer-shaped loader."""
+
+    @classmethod
+    def setUpClass(cls):
+        php = harness.CURRENT_PHP
+        if php.fpm is None:
+            raise unittest.SkipTest("no php-fpm for this PHP build")
+        ini = {"include_path": ".:/usr/share/php", "zend_extension": "opcache", "opcache.enable": "1",
+               "opcache.enable_cli": "1"}
+        if php.flavour == "nts":
+            ini["extension"] = NTS_EXTENSIONS
+        cls.server = harness.FpmServer(php, ini, children=1, front_controller=True)
+        app = os.path.join(cls.server.dir, "app")
+        shutil.copytree(os.path.join(LARAVEL, "app8"), app)
+        for sub in ("bootstrap/cache", "storage/framework/cache/data", "storage/framework/views", "storage/logs"):
+            os.makedirs(os.path.join(app, sub))
+        open(os.path.join(app, "storage", "shop.sqlite"), "w").close()
+        cls.server.root = os.path.join(app, "public")
+        cls.server.start()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.stop()
+
+    def trace(self, path):
+        response = harness.curl(self.server.url(path))
+        task = response.header("X-Trace")[2:42]
+        # Laravel terminates after the response went out: wait for the
+        # request's own exit event.
+        deadline = time.time() + 5
+        while True:
+            events = self.server.traces.by_task(task)
+            if events and events[-1].get("Layer") == "PHP" and events[-1]["Label"] == "exit":
+                return response, events
+            self.assertLess(time.time(), deadline, self.server.php_errors())
+            time.sleep(0.05)
+
+    def test_request_spans_and_transaction_name(self):
+        # Twice on the one worker: every request detects and traces anew.
+        for attempt in (1, 2):
+            with self.subTest(attempt=attempt):
+                response, events = self.trace("/shop")
+                self.assertEqual((200, b"<p>answer 42, visits 1</p>\n", "stamped"),
+                                 (response.status, response.body, response.header("X-Shop")))
+                spans = [e for e in events if e.get("Layer") != "PHP" and "service_provider" not in e["Layer"]]
+                self.assertEqual([name for name, _ in SHOP], named(spans))
+                for (name, keys), event in zip(SHOP, spans):
+                    self.assertEqual(keys, {k: event.get(k) for k in keys}, name)
+                self.assertIn("App\\Providers\\AppServiceProvider",
+                              [e.get("ServiceProvider") for e in events if e.get("Layer") ==
+                               "laravel_service_provider_register"])
+                self.assertEqual("App\\Http\\Controllers\\ShopController.index", events[-1]["TransactionName"])
+
+    def test_fatal_error_in_controller(self):
+        response, events = self.trace("/fatal")
+        self.assertEqual(500, response.status)
+        # Laravel's shutdown handler reports and renders the error; what the
+        # fatal error left open is reported at request end.
+        self.assertIn("Allowed memory size", first(events, "laravel", "error")["ErrorMsg"])
+        self.assertEqual([("laravel", "error", "Unclosed span 'laravel_controller_execute'"),
+                          ("laravel_controller_execute", "exit", None),
+                          ("laravel", "error", "Unclosed span 'laravel_handle'"),
+                          ("laravel_handle", "exit", None),
+                          ("PHP", "exit", None)],
+                         [(e["Layer"], e["Label"], e.get("ErrorMsg")) for e in events[-5:]])
+        self.assertEqual([], self.server.crashes())
