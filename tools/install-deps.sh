@@ -11,6 +11,7 @@ packages=(
   php8.2-dev php8.2-cli php8.2-fpm php8.2-opcache
   python3 python3-bson
   nginx-light curl netcat-openbsd wrk
+  php-laravel-framework php8.2-sqlite3 php8.2-mbstring
 )
 
 missing=()

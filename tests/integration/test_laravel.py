@@ -14,6 +14,7 @@ import time
 import unittest
 
 import harness
+import laravel_app
 
 LARAVEL = os.path.join(harness.HERE, "laravel")
 FIXTURE = os.path.join(LARAVEL, "fixture")
@@ -181,11 +182,6 @@ class FixtureCase(unittest.TestCase):
         self.assertEqual((0, APP_OUTPUT), (plain.returncode, plain.stdout))
 
 
-# Extensions Laravel 8 needs that Debian's PHP has as modules of their own
-# (the ZTS build has them built in); Debian's framework is on its include path.
-DEBIAN_FRAMEWORK = "/usr/share/php/Illuminate/Foundation/Application.php"
-NTS_EXTENSIONS = ["ctype", "mbstring", "tokenizer", "pdo", "pdo_sqlite"]
-
 # A request to /shop, provider spans left out: (layer label, keys).
 SHOP = [
     ("laravel_autoload entry", {}), ("laravel_autoload exit", {}), ("laravel_bootstrap entry", {}),
@@ -216,27 +212,16 @@ SHOP = [
 ]
 
 
-@unittest.skipUnless(os.path.exists(DEBIAN_FRAMEWORK), "php-laravel-framework is not installed")
+@unittest.skipUnless(os.path.exists(laravel_app.DEBIAN_FRAMEWORK), "php-laravel-framework is not installed")
 class Laravel8Case(unittest.TestCase):
     """The application of laravel/app8 on Debian's Laravel 8, through nginx +
     php-fpm (one worker, opcache on), with our Composer-shaped loader."""
 
     @classmethod
     def setUpClass(cls):
-        php = harness.CURRENT_PHP
-        if php.fpm is None:
+        if harness.CURRENT_PHP.fpm is None:
             raise unittest.SkipTest("no php-fpm for this PHP build")
-        ini = {"include_path": ".:/usr/share/php", "zend_extension": "opcache", "opcache.enable": "1",
-               "opcache.enable_cli": "1"}
-        if php.flavour == "nts":
-            ini["extension"] = NTS_EXTENSIONS
-        cls.server = harness.FpmServer(php, ini, children=1, front_controller=True)
-        app = os.path.join(cls.server.dir, "app")
-        shutil.copytree(os.path.join(LARAVEL, "app8"), app)
-        for sub in ("bootstrap/cache", "storage/framework/cache/data", "storage/framework/views", "storage/logs"):
-            os.makedirs(os.path.join(app, sub))
-        open(os.path.join(app, "storage", "shop.sqlite"), "w").close()
-        cls.server.root = os.path.join(app, "public")
+        cls.server = laravel_app.Laravel8Server(harness.CURRENT_PHP)
         cls.server.start()
 
     @classmethod

@@ -40,9 +40,9 @@ static const char *vesk_laravel_this_class(zend_execute_data *execute_data) {
 }
 
 static void vesk_laravel_set_transaction_name(const char *name) {
-    size_t size = sizeof(VESK_G(transaction_name));
-    strncpy(VESK_G(transaction_name), name, size - 1);
-    VESK_G(transaction_name)[size - 1] = '\0';
+    size_t length = strnlen(name, sizeof(VESK_G(transaction_name)) - 1);
+    memcpy(VESK_G(transaction_name), name, length);
+    VESK_G(transaction_name)[length] = '\0';
 }
 
 /* ---- filters ---------------------------------------------------------- */
