@@ -1,11 +1,13 @@
 """What Laravel tracing costs a real Laravel 8 request: wrk against the
 application of tests/integration/laravel/app8 (nginx + php-fpm, opcache on),
-in three set-ups measured in turns:
+in four set-ups measured in turns:
 
   off            the extension not loaded
   traced         loaded, every request sampled, Laravel spans on (UDP
                  reporter to a local listener)
   traced-plain   the same with corvidine.enable_laravel_tracing=0
+  unsampled      loaded, Laravel tracing on, no request sampled: what the
+                 call observer and the dispatcher cost without events
 
 Prints requests per second, worker CPU per request and their ratios against
 "off". Target: traced within 1.10 of off (worker CPU per request).
@@ -58,7 +60,8 @@ def main(argv):
            "CORVIDINE_TOKEN_BUCKET_CAPACITY": "10000000", "CORVIDINE_TOKEN_BUCKET_RATE": "10000000"}
     traced = {"corvidine.sample_rate": "1000000"}
     setups = [("off", {}, udp, False), ("traced", traced, udp, True),
-              ("traced-plain", dict(traced, **{"corvidine.enable_laravel_tracing": "0"}), udp, True)]
+              ("traced-plain", dict(traced, **{"corvidine.enable_laravel_tracing": "0"}), udp, True),
+              ("unsampled", {"corvidine.sample_rate": "0"}, udp, True)]
     results = {}
     try:
         for round_number in range(bench_http.ROUNDS):

@@ -96,7 +96,7 @@ static int vesk_laravel_wants(zend_execute_data *execute_data) {
         vesk_is_laravel(execute_data);
     }
     zend_string *name = func->common.function_name;
-    return name != NULL && vesk_laravel_watches(ZSTR_VAL(name), ZSTR_LEN(name));
+    return name != NULL && vesk_laravel_watches(name);
 }
 
 static void vesk_laravel_execute_begin(zend_execute_data *execute_data) {

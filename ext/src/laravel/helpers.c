@@ -54,7 +54,7 @@ static zend_class_entry *vesk_laravel_lookup_class(const char *name, int autoloa
 
 /* Mirrors php-src 8.2's is_subclass_of() (zend_builtin_functions.c,
  * is_a_impl with only_subclass and allow_string). */
-int vesk_laravel_is_subclass_of(zval *value, const char *class_name) {
+int vesk_laravel_is_subclass_of(zval *value, const char *class_name, int autoload) {
     if (value == NULL || class_name == NULL) {
         return 0;
     }
@@ -63,7 +63,7 @@ int vesk_laravel_is_subclass_of(zval *value, const char *class_name) {
     if (Z_TYPE_P(value) == IS_OBJECT) {
         instance_ce = Z_OBJCE_P(value);
     } else if (Z_TYPE_P(value) == IS_STRING) {
-        instance_ce = zend_lookup_class(Z_STR_P(value));
+        instance_ce = zend_lookup_class_ex(Z_STR_P(value), NULL, autoload ? 0 : ZEND_FETCH_CLASS_NO_AUTOLOAD);
         if (instance_ce == NULL) {
             return 0;
         }
@@ -103,27 +103,44 @@ zval *vesk_laravel_find(HashTable *table, const char *key) {
     return Z_TYPE_P(value) == IS_UNDEF ? NULL : value;
 }
 
-zval *vesk_laravel_find_var(zend_execute_data *execute_data, const char *name, uint32_t position) {
-    if (execute_data == NULL || execute_data->func == NULL || !ZEND_USER_CODE(execute_data->func->type)) {
-        return NULL;
-    }
-    const zend_op_array *op_array = &execute_data->func->op_array;
-    size_t length = strlen(name);
-    zval *value = NULL;
-    for (int i = 0; i < op_array->last_var; i++) {
-        if (zend_string_equals_cstr(op_array->vars[i], name, length)) {
-            value = ZEND_CALL_VAR_NUM(execute_data, i);
-            break;
-        }
-    }
-    if (value == NULL && position < (uint32_t)op_array->last_var) {
-        value = ZEND_CALL_VAR_NUM(execute_data, position);
-    }
+static zval *vesk_laravel_defined(zval *value) {
     if (value == NULL) {
         return NULL;
     }
     ZVAL_DEREF(value);
     return Z_TYPE_P(value) == IS_UNDEF ? NULL : value;
+}
+
+/* Slot of the compiled variable name, or -1. */
+static int vesk_laravel_var_slot(zend_execute_data *execute_data, const char *name) {
+    if (execute_data == NULL || execute_data->func == NULL || !ZEND_USER_CODE(execute_data->func->type)) {
+        return -1;
+    }
+    const zend_op_array *op_array = &execute_data->func->op_array;
+    size_t length = strlen(name);
+    for (int i = 0; i < op_array->last_var; i++) {
+        if (zend_string_equals_cstr(op_array->vars[i], name, length)) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+zval *vesk_laravel_find_named_var(zend_execute_data *execute_data, const char *name) {
+    int slot = vesk_laravel_var_slot(execute_data, name);
+    return slot >= 0 ? vesk_laravel_defined(ZEND_CALL_VAR_NUM(execute_data, slot)) : NULL;
+}
+
+zval *vesk_laravel_find_var(zend_execute_data *execute_data, const char *name, uint32_t position) {
+    int slot = vesk_laravel_var_slot(execute_data, name);
+    if (slot >= 0) {
+        return vesk_laravel_defined(ZEND_CALL_VAR_NUM(execute_data, slot));
+    }
+    if (execute_data == NULL || execute_data->func == NULL || !ZEND_USER_CODE(execute_data->func->type) ||
+        position >= (uint32_t)execute_data->func->op_array.last_var) {
+        return NULL;
+    }
+    return vesk_laravel_defined(ZEND_CALL_VAR_NUM(execute_data, position));
 }
 
 zend_result vesk_laravel_call_user_function(zval *object, const char *name, zval *result, uint32_t count, ...) {

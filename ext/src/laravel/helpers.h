@@ -22,14 +22,17 @@ int vesk_laravel_is_class_of(zend_execute_data *execute_data, const char *suffix
 /* The class name contains text. */
 int vesk_laravel_class_contains(zend_execute_data *execute_data, const char *text);
 /* What PHP's is_subclass_of(value, class_name) answers, for an object or a
- * class name (which may be autoloaded); 1 or 0. */
-int vesk_laravel_is_subclass_of(zval *value, const char *class_name);
+ * class name; 1 or 0. A class name not loaded yet is autoloaded only when
+ * autoload is not 0. */
+int vesk_laravel_is_subclass_of(zval *value, const char *class_name, int autoload);
 /* 1 when the object's class, or the (already loaded) class a string names,
  * is an instance of interface. */
 int vesk_laravel_class_implements(zval *value, const char *interface);
 /* The element key of a table, through indirections and references; null if
  * absent. */
 zval *vesk_laravel_find(HashTable *table, const char *key);
+/* The frame's local variable name, or null. */
+zval *vesk_laravel_find_named_var(zend_execute_data *execute_data, const char *name);
 /* The frame's local variable name; if the function has none of that name,
  * the one at position when there is one; else null. References are
  * followed; an unset variable gives null. */

@@ -1,4 +1,6 @@
 /* The Laravel registry (see registry.h). uthash tables, default hash. */
+#include "php_corvidine.h"
+
 #include "src/laravel/registry.h"
 
 #include <stdlib.h>
@@ -6,14 +8,13 @@
 
 #include "src/laravel/dispatch.h"
 
-/* Every name any table watches: what the observer's per-function init asks. */
-typedef struct laravel_watched_name {
-    char *name;
-    UT_hash_handle hh;
-} laravel_watched_name;
+/* Every name any table watches: what the observer's per-function init asks
+ * for each function of each request, so a Zend table, whose lookups use the
+ * hash the function name already carries. */
+static HashTable laravel_watched_names;
+static int laravel_watched_names_ready;
 
 static laravel_version_entry *laravel_versions_available;
-static laravel_watched_name *laravel_watched_names;
 
 laravel_version_entry *vesk_laravel_add_version(int32_t version) {
     laravel_version_entry *entry = vesk_laravel_find_version(version);
@@ -44,26 +45,18 @@ const laravel_method_entry *vesk_laravel_find_method(const laravel_version_entry
     return entry;
 }
 
-int vesk_laravel_watches(const char *name, size_t length) {
-    laravel_watched_name *entry = NULL;
-    HASH_FIND(hh, laravel_watched_names, name, length, entry);
-    return entry != NULL;
+int vesk_laravel_watches(zend_string *name) {
+    return laravel_watched_names_ready && zend_hash_exists(&laravel_watched_names, name);
 }
 
 static int vesk_laravel_watch_name(const char *method) {
-    size_t length = strlen(method);
-    if (vesk_laravel_watches(method, length)) {
-        return 0;
+    if (!laravel_watched_names_ready) {
+        zend_hash_init(&laravel_watched_names, 32, NULL, NULL, 1);
+        laravel_watched_names_ready = 1;
     }
-    laravel_watched_name *entry = calloc(1, sizeof(*entry));
-    char *name = strdup(method);
-    if (entry == NULL || name == NULL) {
-        free(entry);
-        free(name);
-        return -1;
-    }
-    entry->name = name;
-    HASH_ADD_KEYPTR(hh, laravel_watched_names, entry->name, length, entry);
+    zval present;
+    ZVAL_TRUE(&present);
+    zend_hash_str_update(&laravel_watched_names, method, strlen(method), &present);
     return 0;
 }
 
@@ -143,14 +136,11 @@ void vesk_laravel_shutdown(void) {
         HASH_DEL(laravel_versions_available, version);
         free(version);
     }
-    laravel_watched_name *name, *next_name;
-    HASH_ITER(hh, laravel_watched_names, name, next_name) {
-        HASH_DEL(laravel_watched_names, name);
-        free(name->name);
-        free(name);
+    if (laravel_watched_names_ready) {
+        zend_hash_destroy(&laravel_watched_names);
+        laravel_watched_names_ready = 0;
     }
     laravel_versions_available = NULL;
-    laravel_watched_names = NULL;
 }
 
 int32_t _vesk_laravel_get_version_from_str(const char *text) {

@@ -67,7 +67,7 @@ laravel_version_entry *vesk_laravel_find_version(int32_t version);
 const laravel_method_entry *vesk_laravel_find_method(const laravel_version_entry *version, const char *name,
                                                      size_t length);
 /* 1 when some table has a function of that name. */
-int vesk_laravel_watches(const char *name, size_t length);
+int vesk_laravel_watches(zend_string *name);
 
 /* Version id of a VERSION text: "5.5." 55, "5.7." 57, "5.8." 58, "6." 6,
  * "8." 8; anything else (null too) 0. */
