@@ -58,7 +58,7 @@ CACHE = [("get", "k-get", "file", "127.0.0.1"), ("put", "k-put", "file", "127.0.
          ("get", "k-DatabaseStore", "database", "db.test"), ("get", "k-DynamoDbStore", "dynamodb", None),
          ("get", "k-NullStore", "unknown", None), ("get", "k-RedisStore", "redis", None)]
 
-APP_OUTPUT = b"caught listener failed at line 62\n<p>view home</p>\nhttp done\n"
+APP_OUTPUT = b"caught listener failed at line 65\n<p>view home</p>\nhttp done\n"
 
 
 def named(events):
@@ -151,6 +151,17 @@ class FixtureCase(unittest.TestCase):
             ("laravel", "error", "ZqDebugLaravel", "Unclosed span 'laravel_handle'"),
             ("laravel_handle", "exit", None, None),
             ("PHP", "exit", None, None)], tail)
+
+    def test_middleware_that_answers_itself(self):
+        # Its after span was never opened: closing it closes every span still
+        # open, each with a bare exit, and the kernel's own exit then finds
+        # the stack empty and sends nothing.
+        events = self.run_fixture("5.8.38", "blocked")
+        self.assertEqual(["laravel_handle entry", "laravel_middleware_before entry",
+                          "laravel_middleware_before exit", "laravel_handle exit",
+                          "laravel_respond entry", "laravel_respond exit"], named(events)[8:14])
+        self.assertEqual(["laravel_middleware_before", "laravel_handle"],
+                         [e["Layer"] for e in events[11:13] if "Middleware" not in e])
 
     def test_unsupported_versions_fall_back_to_plain_tracing(self):
         for version in ("5.6.3", "7.0.0", "5.50.1", "60.0"):
