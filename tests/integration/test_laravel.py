@@ -58,7 +58,7 @@ CACHE = [("get", "k-get", "file", "127.0.0.1"), ("put", "k-put", "file", "127.0.
          ("get", "k-DatabaseStore", "database", "db.test"), ("get", "k-DynamoDbStore", "dynamodb", None),
          ("get", "k-NullStore", "unknown", None), ("get", "k-RedisStore", "redis", None)]
 
-APP_OUTPUT = b"caught listener failed at line 65\n<p>view home</p>\nhttp done\n"
+APP_OUTPUT = b"caught listener failed at line 46\n<p>view home</p>\nhttp done\n"
 
 
 def named(events):
@@ -117,6 +117,7 @@ class FixtureCase(unittest.TestCase):
             "laravel_sql": ("entry", {"Spec": "query", "Flavor": "sqlite", "Query": "select ? as x",
                                       "Database": "main", "RemoteHost": "localhost"}),
         }
+        self.assertNotIn("Backtrace", first(events, "laravel_view_render"))  # laravel_enable_backtrace is off
         for layer, (kind, keys) in expected.items():
             event = first(events, layer, kind)
             self.assertEqual(keys, {k: event.get(k) for k in keys}, layer)
@@ -134,8 +135,10 @@ class FixtureCase(unittest.TestCase):
         self.assertRegex(errors[1]["ErrorMsg"], r"^exception 'LogicException' in .*app\.php:\d+$")
 
     def test_console_command(self):
-        events = self.run_fixture("5.5.40", "console")
+        events = self.run_fixture("5.5.40", "console", ini={"corvidine.laravel_enable_backtrace": "1"})
         self.assertEqual(b"console done\n", self.result.stdout)
+        self.assertEqual((True, False), ("Backtrace" in first(events, "laravel_handle", "entry"),
+                                         "Backtrace" in first(events, "laravel_handle", "exit")))
         self.assertEqual("Console", first(events, "laravel_bootstrap", "exit")["LaravelRequestType"])
         self.assertEqual(["laravel_handle entry", "laravel_handle exit", "laravel_terminate entry",
                           "laravel_terminate exit"], named(events)[-4:])
