@@ -72,7 +72,7 @@ def first(events, layer, label="entry"):
 class FixtureCase(unittest.TestCase):
     """The fixture under the CLI, pretending one Laravel version."""
 
-    def run_fixture(self, version, mode="http", ini=None, env=None, with_module=True):
+    def run_fixture(self, version, mode="http", ini=None, env=None, with_module=True, prefix=None):
         directory = tempfile.mkdtemp(prefix="corvidine-laravel-")
         self.addCleanup(shutil.rmtree, directory, True)
         app = os.path.join(directory, "app")
@@ -86,6 +86,13 @@ class FixtureCase(unittest.TestCase):
         if not with_module:
             return subprocess.run([php.cli, "-n", os.path.join(app, "index.php"), mode], capture_output=True,
                                   env=dict(os.environ, **(env or {})), timeout=60)
+        if prefix:
+            traces = harness.Traces(directory)
+            run_env = dict(os.environ, CORVIDINE_REPORTER="file", CORVIDINE_COLLECTOR=traces.prefix, **(env or {}))
+            command = prefix + [php.cli] + php.ini_args(dict(CLI_INI, **(ini or {})), os.path.join(directory, "log"))
+            self.result = subprocess.run(command + [os.path.join(app, "index.php"), mode], capture_output=True,
+                                         env=run_env, timeout=300)
+            return traces.events()
         result, traces, _ = harness.run_cli(php, os.path.join(app, "index.php"), dict(CLI_INI, **(ini or {})),
                                             env, [mode], directory)
         self.result = result
@@ -190,6 +197,17 @@ class FixtureCase(unittest.TestCase):
         self.assertEqual(APP_OUTPUT, self.result.stdout)
         self.assertEqual([], named(events))
         self.assertEqual(["entry", "exit"], [e["Label"] for e in events])
+
+    @unittest.skipUnless(shutil.which("valgrind"), "valgrind is not installed")
+    def test_under_valgrind(self):
+        # PHP's allocator off, so that valgrind sees every block the actions
+        # read, write and release; a fatal error too.
+        for mode, status in (("http", 0), ("fatal", 255)):
+            with self.subTest(mode=mode):
+                events = self.run_fixture("6.0.4", mode, env={"USE_ZEND_ALLOC": "0"},
+                                          prefix=["valgrind", "--error-exitcode=99", "--leak-check=no"])
+                self.assertEqual(status, self.result.returncode, self.result.stderr[-4000:])
+                self.assertIn("laravel_controller_execute exit", named(events))
 
     def test_application_sees_the_same_without_the_agent(self):
         plain = self.run_fixture("8.83.26", with_module=False)
