@@ -79,6 +79,7 @@ bench-ext: deps
 
 bench-http: deps
 	@tools/bench-http.sh
+	@tools/bench-laravel.sh
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(TSAN_BUILD) build-logs

@@ -65,6 +65,9 @@ ZEND_BEGIN_MODULE_GLOBALS(vesk)
     int laravel_state; /* -1 not yet detected, 0 not Laravel, 1 Laravel */
     int laravel_detect_count;
     int laravel_enable_backtrace;
+    const struct laravel_version_entry *laravel_version; /* table in use; null until detected */
+    struct vesk_laravel_span *laravel_spans;             /* open Laravel spans, process heap */
+    struct vesk_laravel_calls *laravel_calls;            /* watched calls begun, process heap */
     int triggered_trace;
 ZEND_END_MODULE_GLOBALS(vesk)
 // clang-format on

@@ -11,6 +11,7 @@ packages=(
   php8.2-dev php8.2-cli php8.2-fpm php8.2-opcache php8.2-curl
   python3 python3-bson python3-thrift python3-cryptography
   nginx-light curl netcat-openbsd wrk
+  php-laravel-framework php8.2-sqlite3 php8.2-mbstring
 )
 # Test-only readers of histogram encodings (tests/wire): Java's HdrHistogram,
 # and node with npm for hdr-histogram-js (a node that bundles npm needs no npm package).

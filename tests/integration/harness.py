@@ -51,7 +51,8 @@ class Php:
         args = ["-n"] + (["-d", "extension=" + self.module] if load_module else [])
         args += ["-d", "log_errors=1", "-d", "error_log=" + log, "-d", "display_errors=0", "-d", "html_errors=0"]
         for key, value in ini.items():
-            args += ["-d", "%s=%s" % (key, value)]
+            for one in value if isinstance(value, list) else [value]:  # a list: the entry repeated
+                args += ["-d", "%s=%s" % (key, one)]
         return args
 
 
@@ -171,8 +172,13 @@ class Server:
 class FpmServer(Server):
     """nginx in front of php-fpm, both on free loopback ports."""
 
-    def __init__(self, php, ini=None, env=None, children=2, fpm_prefix=None, load_module=True):
+    def __init__(self, php, ini=None, env=None, children=2, fpm_prefix=None, load_module=True, root=None,
+                 front_controller=False):
+        """root: the document root (default tests/integration/www);
+        front_controller: paths that are no file go to /index.php."""
         super().__init__(php, ini, env, load_module)
+        self.root = root or WWW
+        self.fallback = "location / { try_files $uri /index.php$is_args$args; }" if front_controller else ""
         self.children = children
         self.fpm_prefix = fpm_prefix or []
         self.fpm_log = os.path.join(self.dir, "fpm.log")
@@ -189,7 +195,8 @@ class FpmServer(Server):
             handle.write(FPM_CONF.format(dir=self.dir, port=fpm_port, children=self.children))
         nginx_conf = os.path.join(self.dir, "nginx.conf")
         with open(nginx_conf, "w") as handle:
-            handle.write(NGINX_CONF.format(dir=self.dir, port=self.port, fpm_port=fpm_port, www=WWW))
+            handle.write(NGINX_CONF.format(dir=self.dir, port=self.port, fpm_port=fpm_port, www=self.root,
+                                           fallback=self.fallback))
 
         fpm = subprocess.Popen(self.fpm_prefix + [self.php.fpm, "-F", "-R", "-y", fpm_conf] +
                                self.php.ini_args(self.ini, self.php_log, self.load_module),
@@ -345,6 +352,7 @@ http {{
         listen 127.0.0.1:{port};
         server_name localhost;
         root {www};
+        {fallback}
         location ~ \\.php$ {{
             fastcgi_pass 127.0.0.1:{fpm_port};
             fastcgi_param SCRIPT_FILENAME $document_root$fastcgi_script_name;

@@ -14,8 +14,10 @@
  * that "not observed" path is not free. Once any observer is registered the
  * engine runs the observer variants of every call and return (measured with
  * callgrind on a recursive fibonacci: 190 -> 280 instructions per call, +47%;
- * about +45% wall time with and without JIT). Nothing watches calls yet, so
- * nothing is registered and calls cost what they cost without the extension.
+ * about +45% wall time with and without JIT). Without a watcher nothing is
+ * registered and calls cost what they cost without the extension; Laravel
+ * tracing watches only when the system value of
+ * corvidine.enable_laravel_tracing is on.
  * The registration can only happen during module start, so features that may
  * watch register their watcher there, before php_vesk_hooks_startup().
  *

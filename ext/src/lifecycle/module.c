@@ -14,6 +14,7 @@
 #include "src/errors/errors.h"
 #include "src/events/php_vesk_events.h"
 #include "src/hooks/observer.h"
+#include "src/laravel/dispatch.h"
 #include "src/lifecycle/init_event.h"
 #include "src/lifecycle/module.h"
 #include "src/request/request_trace.h"
@@ -132,10 +133,11 @@ zend_result php_vesk_module_startup(int type, int module_number) {
     /* The HTTP stream wrapper starts here when corvidine.enable_wrap and
      * corvidine.enable_wrap_http are both on. */
 
+    php_vesk_laravel_minit(); /* a watcher of the hooks: before they start */
     php_vesk_hooks_startup();
 
-    /* Laravel tables are built here; the profiler thread id and the
-     * transaction settings cache are cleared here. */
+    /* The profiler thread id and the transaction settings cache are cleared
+     * here. */
 
     php_vesk_apply_trigger_tracing();
 
@@ -165,9 +167,9 @@ zend_result php_vesk_module_shutdown(int type, int module_number) {
 
     php_vesk_ini_unregister(type, module_number);
     php_vesk_hooks_shutdown();
+    php_vesk_laravel_mshutdown();
 
-    /* Laravel tables are freed here; the profiler thread is told to stop and
-     * joined here. */
+    /* The profiler thread is told to stop and joined here. */
     php_vesk_transaction_settings_destroy();
 
     /* The core itself shuts down through its exit handler, which flushes the

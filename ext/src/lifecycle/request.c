@@ -5,6 +5,7 @@
 #include "corvidine/startup.h"
 
 #include "src/config/ini.h"
+#include "src/laravel/dispatch.h"
 #include "src/lifecycle/request.h"
 #include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
@@ -94,10 +95,7 @@ zend_result php_vesk_request_startup(void) {
 
     VESK_G(transaction_name)[0] = '\0';
     VESK_G(custom_transaction_name)[0] = '\0';
-    VESK_G(enable_laravel_tracing) = php_vesk_request_ini_on(PHP_VESK_RINI_ENABLE_LARAVEL_TRACING);
-    VESK_G(laravel_state) = -1;
-    VESK_G(laravel_detect_count) = 0;
-    VESK_G(laravel_enable_backtrace) = php_vesk_request_ini_on(PHP_VESK_RINI_LARAVEL_ENABLE_BACKTRACE);
+    php_vesk_laravel_request_startup();
     VESK_G(span_start) = vesk_span_start();
     return SUCCESS;
 }
@@ -127,8 +125,8 @@ zend_result php_vesk_request_shutdown(void) {
     }
     VESK_G(trace_started) = 0;
 
-    /* The profiler hands its span over here (sampled and profiled requests);
-     * open Laravel spans are closed here (laravel_state 1). */
+    /* The profiler hands its span over here (sampled and profiled requests). */
+    php_vesk_laravel_request_shutdown(); /* open Laravel spans are reported and closed */
     php_vesk_end_trace(NULL, 0, 0);
 
     php_vesk_free_request_string(&VESK_G(context_override));

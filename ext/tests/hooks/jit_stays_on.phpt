@@ -21,10 +21,14 @@ $r = vesk_exec(vesk_command($ini, array_merge($jit, ['-r', $status])), $env);
 echo "JIT with the extension started: ", $r['out'], trim($r['err']), "\n";
 $info = vesk_info_rows(vesk_exec(vesk_command($ini, array_merge($jit, ['--ri', 'corvidine'])), $env)['out']);
 echo "function hooks: ", $info['function hooks'] ?? '?', "\n";
+$off = vesk_info_rows(vesk_exec(vesk_command($ini + ['corvidine.enable_laravel_tracing' => 0], ['--ri', 'corvidine']),
+                                $env)['out']);
+echo "function hooks, Laravel tracing off: ", $off['function hooks'] ?? '?', "\n";
 
 // Recursion, exceptions through frames, generators, closures, internal
 // callbacks, fibers and a deep stack: same results with the extension started
-// or not, with and without the JIT (whatever hooks the features install).
+// or not, with and without the JIT, with the observer registered (Laravel
+// tracing is on by default).
 $work = <<<'PHP'
 function fib($n) { return $n < 2 ? $n : fib($n - 1) + fib($n - 2); }
 function thrower($d) { if ($d === 0) throw new RuntimeException('deep'); return thrower($d - 1); }
@@ -53,7 +57,8 @@ echo "observed with JIT: ", $observed_jit['out'] === $plain['out'] ? 'same' : "D
 ?>
 --EXPECT--
 JIT with the extension started: {"enabled":true,"on":true}
-function hooks: none (no feature watches calls)
+function hooks: observer API, 1 watcher(s)
+function hooks, Laravel tracing off: none (no feature watches calls)
 without extension: 6765 deep51 45 stop 10100 2,3,4 2 15 20000 1,2,3
 observed:          same
 observed with JIT: same

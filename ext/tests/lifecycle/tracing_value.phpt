@@ -29,19 +29,19 @@ foreach (['', 'enabled', 'disabled', 'yes'] as $value) {
 }
 ?>
 --EXPECT--
-tracing='': support 'enabled', hooks 'none (no feature watches calls)', trigger 'not set', __Init 1, status 0
-tracing='enabled': support 'enabled', hooks 'none (no feature watches calls)', trigger 'not set', __Init 1, status 0
-tracing='always': support 'enabled', hooks 'none (no feature watches calls)', trigger 'not set', __Init 1, status 0
-tracing='disabled': support 'enabled', hooks 'none (no feature watches calls)', trigger 'not set', __Init 1, status 0
-tracing='never': support 'enabled', hooks 'none (no feature watches calls)', trigger 'not set', __Init 1, status 0
+tracing='': support 'enabled', hooks 'observer API, 1 watcher(s)', trigger 'not set', __Init 1, status 0
+tracing='enabled': support 'enabled', hooks 'observer API, 1 watcher(s)', trigger 'not set', __Init 1, status 0
+tracing='always': support 'enabled', hooks 'observer API, 1 watcher(s)', trigger 'not set', __Init 1, status 0
+tracing='disabled': support 'enabled', hooks 'observer API, 1 watcher(s)', trigger 'not set', __Init 1, status 0
+tracing='never': support 'enabled', hooks 'observer API, 1 watcher(s)', trigger 'not set', __Init 1, status 0
 tracing='Enabled': support 'disabled (invalid corvidine.tracing)', hooks '-', trigger '-', __Init 0, status 0
     Warning: FILE:LINE:php_vesk_config_valid(): corvidine.tracing ini setting must be 'enabled' or 'disabled' in Unknown on line 0
 tracing='on': support 'disabled (invalid corvidine.tracing)', hooks '-', trigger '-', __Init 0, status 0
     Warning: FILE:LINE:php_vesk_config_valid(): corvidine.tracing ini setting must be 'enabled' or 'disabled' in Unknown on line 0
 tracing='sometimes': support 'disabled (invalid corvidine.tracing)', hooks '-', trigger '-', __Init 0, status 0
     Warning: FILE:LINE:php_vesk_config_valid(): corvidine.tracing ini setting must be 'enabled' or 'disabled' in Unknown on line 0
-trigger_tracing='': support 'enabled', hooks 'none (no feature watches calls)', trigger 'not set', __Init 1, status 0
-trigger_tracing='enabled': support 'enabled', hooks 'none (no feature watches calls)', trigger 'enabled', __Init 1, status 0
-trigger_tracing='disabled': support 'enabled', hooks 'none (no feature watches calls)', trigger 'disabled', __Init 1, status 0
-trigger_tracing='yes': support 'enabled', hooks 'none (no feature watches calls)', trigger 'not set', __Init 1, status 0
+trigger_tracing='': support 'enabled', hooks 'observer API, 1 watcher(s)', trigger 'not set', __Init 1, status 0
+trigger_tracing='enabled': support 'enabled', hooks 'observer API, 1 watcher(s)', trigger 'enabled', __Init 1, status 0
+trigger_tracing='disabled': support 'enabled', hooks 'observer API, 1 watcher(s)', trigger 'disabled', __Init 1, status 0
+trigger_tracing='yes': support 'enabled', hooks 'observer API, 1 watcher(s)', trigger 'not set', __Init 1, status 0
     Warning: FILE:LINE:php_vesk_apply_trigger_tracing(): corvidine.trigger_tracing ini setting must be 'enabled' or 'disabled' in Unknown on line 0

@@ -1,0 +1,10 @@
+<?php
+
+namespace App\Events;
+
+class OrderPlaced
+{
+    public function __construct(public int $order)
+    {
+    }
+}

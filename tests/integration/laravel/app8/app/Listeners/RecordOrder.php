@@ -1,0 +1,10 @@
+<?php
+
+namespace App\Listeners;
+
+class RecordOrder
+{
+    public function handle(\App\Events\OrderPlaced $event)
+    {
+    }
+}

@@ -1,0 +1,6 @@
+<?php
+
+return [
+    'paths' => [resource_path('views')],
+    'compiled' => storage_path('framework/views'),
+];

@@ -1,0 +1,1 @@
+<p>answer <?= $answer ?>, visits <?= $visits ?></p>
