@@ -15,6 +15,7 @@
 #include "src/hooks/observer.h"
 #include "src/lifecycle/init_event.h"
 #include "src/lifecycle/module.h"
+#include "src/profiler/profiler.h"
 #include "src/request/request_trace.h"
 
 /* Written by module start and shutdown only, on the main thread. */
@@ -129,6 +130,7 @@ zend_result php_vesk_module_startup(int type, int module_number) {
      * corvidine.enable_wrap_http are both on. */
 
     php_vesk_hooks_startup();
+    php_vesk_profiler_minit();
 
     /* Laravel tables are built here; the profiler thread id and the
      * transaction settings cache are cleared here. */
@@ -161,8 +163,8 @@ zend_result php_vesk_module_shutdown(int type, int module_number) {
     php_vesk_ini_unregister(type, module_number);
     php_vesk_hooks_shutdown();
 
-    /* Laravel tables are freed here; the profiler thread is told to stop and
-     * joined here. */
+    /* Laravel tables are freed here. */
+    php_vesk_profiler_mshutdown();
     php_vesk_transaction_settings_destroy();
 
     /* The core itself shuts down through its exit handler, which flushes the

@@ -6,6 +6,7 @@
 
 #include "src/config/ini.h"
 #include "src/lifecycle/request.h"
+#include "src/profiler/profiler.h"
 #include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
 
@@ -91,8 +92,9 @@ zend_result php_vesk_request_startup(void) {
 
     int sample_rate, sample_source;
     php_vesk_start_trace("PHP", NULL, &sample_rate, &sample_source, NULL, 0, 0);
-    /* When the request is sampled and profiled, the stack sampler starts
-     * here. */
+    if (VESK_G(tracing) && VESK_G(profiling_enabled)) {
+        php_vesk_profiler_request_start();
+    }
 
     VESK_G(transaction_name)[0] = '\0';
     VESK_G(custom_transaction_name)[0] = '\0';
@@ -129,8 +131,9 @@ zend_result php_vesk_request_shutdown(void) {
     }
     VESK_G(trace_started) = 0;
 
-    /* The profiler hands its span over here (sampled and profiled requests);
-     * open Laravel spans are closed here (laravel_state 1). */
+    /* The profiler's span is closed before the trace's exit event. */
+    php_vesk_profiler_request_end();
+    /* Open Laravel spans are closed here (laravel_state 1). */
     php_vesk_end_trace(NULL, 0, 0);
 
     php_vesk_free_request_string(&VESK_G(context_override));

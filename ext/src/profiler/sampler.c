@@ -1,0 +1,159 @@
+/* The VM interrupt handler, the frame walk, and a profiled request's start
+ * and end. */
+#include "php_corvidine.h"
+
+#include "zend_atomic.h"
+
+#include "corvidine/context.h"
+#include "corvidine/debug_log.h"
+#include "corvidine/profiler.h"
+
+#include "src/profiler/profiler.h"
+#include "src/profiler/sampler.h"
+
+/* The handler that was installed before ours (pcntl's, for one); written
+ * at module start and shutdown only. */
+static void (*php_vesk_previous_interrupt)(zend_execute_data *execute_data);
+
+/* Called on the clock thread, under the clock's lock, while the request
+ * runs. */
+static void php_vesk_raise_interrupt(void *target) {
+    zend_atomic_bool_store((zend_atomic_bool *)target, true);
+}
+
+/* The frames a snapshot shows: agent functions never; code outside any
+ * function (a file's top level) only when it called a named function, so
+ * that an include running at the top has no snapshot of its own; and
+ * nothing that has neither a name, a class nor a file. */
+static int php_vesk_frame_shown(const zend_function *func, int *seen_named) {
+    const zend_string *name = func->common.function_name;
+    if (name != NULL) {
+        if (ZSTR_LEN(name) >= 6 && memcmp(ZSTR_VAL(name), "_vesk_", 6) == 0) {
+            return 0;
+        }
+        *seen_named = 1;
+        return 1;
+    }
+    if (!*seen_named) {
+        return 0;
+    }
+    return func->common.scope != NULL || ZEND_USER_CODE(func->type);
+}
+
+static void php_vesk_add_frame(vesk_profiler_snapshot *snapshot, const zend_execute_data *ex) {
+    const zend_function *func = ex->func;
+    const zend_string *name = func->common.function_name;
+    const zend_string *scope = func->common.scope != NULL ? func->common.scope->name : NULL;
+    const zend_string *file = NULL;
+    int32_t line = -1;
+    int type = VESK_PROFILER_FRAME_INTERNAL;
+    if (ZEND_USER_CODE(func->type)) {
+        type = VESK_PROFILER_FRAME_USER;
+        file = func->op_array.filename;
+        if (ex->opline != NULL) {
+            line = (int32_t)ex->opline->lineno;
+        }
+    }
+    vesk_profiler_snapshot_add_frame(snapshot, type, name ? ZSTR_VAL(name) : NULL, name ? ZSTR_LEN(name) : 0,
+                                     scope ? ZSTR_VAL(scope) : NULL, scope ? ZSTR_LEN(scope) : 0,
+                                     file ? ZSTR_VAL(file) : NULL, file ? ZSTR_LEN(file) : 0, line);
+}
+
+/* Walks from ex outwards. Only the outermost VESK_PROFILER_MAX_FRAMES
+ * frames are copied: the walk keeps pointers to the last ones seen, and
+ * the frames in front of them are only counted. 0 when a snapshot was
+ * queued. */
+static int php_vesk_report_snapshot(uint64_t sequence, zend_execute_data *ex) {
+    const zend_execute_data *kept[VESK_PROFILER_MAX_FRAMES];
+    size_t total = 0;
+    int seen_named = 0;
+    for (; ex != NULL; ex = ex->prev_execute_data) {
+        if (ex->func != NULL && php_vesk_frame_shown(ex->func, &seen_named)) {
+            kept[total % VESK_PROFILER_MAX_FRAMES] = ex;
+            total++;
+        }
+    }
+    if (total == 0) {
+        return -1;
+    }
+    vesk_profiler_snapshot *snapshot = vesk_profiler_snapshot_new(sequence, vesk_context_get());
+    if (snapshot == NULL) {
+        return -1;
+    }
+    size_t count = total, first = 0;
+    if (total > VESK_PROFILER_MAX_FRAMES) {
+        vesk_profiler_snapshot_count_frames(snapshot, total - VESK_PROFILER_MAX_FRAMES);
+        count = VESK_PROFILER_MAX_FRAMES;
+        first = total % VESK_PROFILER_MAX_FRAMES;
+    }
+    for (size_t i = 0; i < count; i++) {
+        php_vesk_add_frame(snapshot, kept[(first + i) % VESK_PROFILER_MAX_FRAMES]);
+    }
+    return vesk_profiler_report_snapshot(snapshot);
+}
+
+void php_vesk_profiler_sample(zend_execute_data *execute_data) {
+    /* The snapshot is numbered after the last tick seen plus one: when
+     * several ticks went by, it stands for the first of them, and the
+     * profiler thread counts the others as omitted. A full queue drops the
+     * sample; the tick stays due and the next safe point tries again. */
+    uint64_t last = VESK_G(profiler_last_tick);
+    uint64_t tick = vesk_profiler_clock_tick(VESK_G(profiler_clock));
+    if (last >= tick || !vesk_profiler_ready()) {
+        return;
+    }
+    if (php_vesk_report_snapshot(last + 1, execute_data) == 0) {
+        VESK_G(profiler_last_tick) = tick;
+    }
+}
+
+static void php_vesk_profiler_interrupt(zend_execute_data *execute_data) {
+    if (VESK_G(profiler_clock) != NULL) {
+        php_vesk_profiler_sample(execute_data);
+    }
+    if (php_vesk_previous_interrupt != NULL) {
+        php_vesk_previous_interrupt(execute_data);
+    }
+}
+
+void php_vesk_profiler_minit(void) {
+    php_vesk_previous_interrupt = zend_interrupt_function;
+    zend_interrupt_function = php_vesk_profiler_interrupt;
+    php_vesk_long_calls_wrap();
+}
+
+void php_vesk_profiler_mshutdown(void) {
+    php_vesk_long_calls_unwrap();
+    if (zend_interrupt_function == php_vesk_profiler_interrupt) {
+        zend_interrupt_function = php_vesk_previous_interrupt;
+    }
+    vesk_profiler_terminate();
+}
+
+void php_vesk_profiler_request_start(void) {
+    VESK_G(profiler_last_tick) = 0;
+    vesk_metadata_copy(&VESK_G(profiler_parent_metadata), vesk_context_get());
+    if (vesk_profiler_start() != 0) {
+        return;
+    }
+    VESK_G(profiler_clock) =
+        vesk_profiler_clock_start(VESK_G(profiler_interval_us), php_vesk_raise_interrupt, (void *)&EG(vm_interrupt));
+    if (VESK_G(profiler_clock) != NULL) {
+        /* Tick 1 is due now: the first snapshot at the first safe point. */
+        zend_atomic_bool_store(&EG(vm_interrupt), true);
+    }
+}
+
+void php_vesk_profiler_request_end(void) {
+    vesk_profiler_clock *clock = VESK_G(profiler_clock);
+    if (clock == NULL) {
+        return;
+    }
+    uint64_t tick = vesk_profiler_clock_tick(clock);
+    VESK_G(profiler_clock) = NULL;
+    vesk_profiler_clock_stop(clock);
+    if (vesk_profiler_notify_done(&VESK_G(profiler_parent_metadata), tick, VESK_G(request_service_name),
+                                  VESK_G(profiler_interval_us)) != 0) {
+        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_PHP, VESK_DEBUG_WARNING, "Profiling span could not be closed");
+    }
+}
