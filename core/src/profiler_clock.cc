@@ -24,6 +24,7 @@ struct vesk_profiler_clock {
     void (*raise)(void *) = nullptr;
     void *target = nullptr;
     bool stop = false;
+    bool nudged = false;  // raise once more now, without a tick
     bool orphan = false;  // its thread is gone (a forked child)
     std::condition_variable wake;
     vesk_profiler_clock *prev = nullptr, *next = nullptr;  // clocks with a thread
@@ -68,7 +69,10 @@ void *clock_main(void *arg) {
         deadline += c->interval;
         Clock::time_point now = Clock::now();
         if (deadline < now) deadline = now + std::chrono::microseconds(1);
-        c->wake.wait_until(lock, deadline, [c] { return c->stop; });
+        while (c->wake.wait_until(lock, deadline, [c] { return c->stop || c->nudged; }) && !c->stop) {
+            c->nudged = false;
+            if (c->target != nullptr) c->raise(c->target);
+        }
     }
     unlink(c);
     delete c;
@@ -122,6 +126,13 @@ vesk_profiler_clock *vesk_profiler_clock_start(int64_t interval_us, void (*raise
     return c;
 }
 
+void vesk_profiler_clock_nudge(vesk_profiler_clock *clock) {
+    std::lock_guard<std::mutex> lock(g_clocks_mutex);
+    if (clock->orphan || clock->stop) return;
+    clock->nudged = true;
+    clock->wake.notify_one();
+}
+
 uint64_t vesk_profiler_clock_tick(const vesk_profiler_clock *clock) {
     return clock->tick.load(std::memory_order_relaxed);
 }
@@ -130,7 +141,10 @@ void vesk_profiler_clock_stop(vesk_profiler_clock *clock) {
     if (clock == nullptr) return;
     std::lock_guard<std::mutex> lock(g_clocks_mutex);
     if (clock->orphan) {
-        delete clock;
+        // Its condition variable still counts the parent's waiting thread,
+        // and destroying it would wait for that thread forever: the memory
+        // is given back without running the destructor.
+        ::operator delete(static_cast<void *>(clock));
         return;
     }
     clock->stop = true;

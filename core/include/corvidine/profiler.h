@@ -43,6 +43,9 @@ typedef struct vesk_profiler_clock vesk_profiler_clock;
  * interval_us on a fixed grid it adds 1 and calls raise(target). Null when
  * the thread cannot be started. */
 vesk_profiler_clock *vesk_profiler_clock_start(int64_t interval_us, void (*raise)(void *target), void *target);
+/* Has the clock call raise once more, soon and without a tick: for a tick
+ * that the request thread saw at a point where it could not take it. */
+void vesk_profiler_clock_nudge(vesk_profiler_clock *clock);
 /* The tick count (lock-free; a late view only delays a sample). */
 uint64_t vesk_profiler_clock_tick(const vesk_profiler_clock *clock);
 /* Stops the clock: once this returns, raise is never called again. The

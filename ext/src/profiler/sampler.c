@@ -62,7 +62,7 @@ static void php_vesk_add_frame(vesk_profiler_snapshot *snapshot, const zend_exec
 /* Walks from ex outwards. Only the outermost VESK_PROFILER_MAX_FRAMES
  * frames are copied: the walk keeps pointers to the last ones seen, and
  * the frames in front of them are only counted. 0 when a snapshot was
- * queued. */
+ * queued, -2 when no frame is to be shown, else -1. */
 static int php_vesk_report_snapshot(uint64_t sequence, zend_execute_data *ex) {
     const zend_execute_data *kept[VESK_PROFILER_MAX_FRAMES];
     size_t total = 0;
@@ -74,7 +74,7 @@ static int php_vesk_report_snapshot(uint64_t sequence, zend_execute_data *ex) {
         }
     }
     if (total == 0) {
-        return -1;
+        return -2;
     }
     vesk_profiler_snapshot *snapshot = vesk_profiler_snapshot_new(sequence, vesk_context_get());
     if (snapshot == NULL) {
@@ -102,8 +102,16 @@ void php_vesk_profiler_sample(zend_execute_data *execute_data) {
     if (last >= tick || !vesk_profiler_ready()) {
         return;
     }
-    if (php_vesk_report_snapshot(last + 1, execute_data) == 0) {
+    int rc = php_vesk_report_snapshot(last + 1, execute_data);
+    if (rc == 0) {
         VESK_G(profiler_last_tick) = tick;
+    } else if (rc == -2 && last == 0 && ZEND_USER_CODE(execute_data->func->type) &&
+               execute_data->opline == execute_data->func->op_array.opcodes) {
+        /* The flag raised at request start is seen as the script's code
+         * outside functions begins, which has nothing to show yet. Raising
+         * it again here would bring the VM straight back; the clock raises
+         * it again a moment later instead, for the first call or loop. */
+        vesk_profiler_clock_nudge(VESK_G(profiler_clock));
     }
 }
 
