@@ -64,6 +64,7 @@ bench-ext: deps
 	@tools/bench-ext.sh nts
 	@tools/bench-events.sh nts
 	@tools/bench-request-cost.sh
+	@tools/bench-profiler.sh
 
 bench-http: deps
 	@tools/bench-http.sh

@@ -50,14 +50,14 @@ class ThreadedServer(unittest.TestCase):
         if os.environ.get("CORVIDINE_IT_KEEP") != "1":
             shutil.rmtree(cls.dir, ignore_errors=True)
 
-    def run_threads(self, prefix=()):
+    def run_threads(self, prefix=(), env=None):
         work = tempfile.mkdtemp(dir=self.dir)
         for i in range(THREADS):
             with open(os.path.join(work, "rules-%d.ini" % i), "w") as handle:
                 handle.write(RULES)
         traces = os.path.join(work, "trace.bson")
         env = dict(os.environ, CORVIDINE_REPORTER="file", CORVIDINE_COLLECTOR=traces,
-                   CORVIDINE_TOKEN_BUCKET_CAPACITY="1000000", CORVIDINE_TOKEN_BUCKET_RATE="1000000")
+                   CORVIDINE_TOKEN_BUCKET_CAPACITY="1000000", CORVIDINE_TOKEN_BUCKET_RATE="1000000", **(env or {}))
         result = subprocess.run(list(prefix) + [self.binary, harness.CURRENT_PHP.module, work, str(THREADS),
                                                 str(REQUESTS)], env=env, capture_output=True, text=True,
                                 timeout=600)
@@ -84,3 +84,34 @@ class ThreadedServer(unittest.TestCase):
             self.assertEqual(entry["X-Trace"][42:58], exit_["Edge"])
             self.assertEqual("/" + entry["URL"].split("/")[1] + "/" + entry["URL"].split("/")[2],
                              exit_["TransactionName"])
+
+    PROFILED_CODE = ("function crunch($n) { $x = 0; for ($i = 0; $i < $n; $i++) { $x += $i & 3; } return $x; }"
+                     " function pause() { usleep(20000); } crunch(1500000); pause(); echo 'ok';")
+
+    def test_each_thread_profiles_its_own_requests(self):
+        """Every request profiled: a clock per request raises its own
+        thread's VM interrupt and stops before the thread's next request;
+        all threads share the one profiler thread."""
+        result, traces = self.run_threads(env={"CORVIDINE_THREADS_CODE": self.PROFILED_CODE,
+                                                "CORVIDINE_THREADS_INI": "corvidine.enable_profiling=1"})
+        self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
+        events = [d for d in harness.decode_documents(traces) if "Label" in d and not d.get("__Init")]
+        trace_exits = [e for e in events if e["Label"] == "exit" and e.get("Spec") != "profiling"]
+        sampled = THREADS * ((REQUESTS + 1) // 2)
+        self.assertEqual(sampled, len(trace_exits))
+        self.assertEqual([1] * sampled, [e["ProfileSpans"] for e in trace_exits])
+        profile = collections.defaultdict(list)
+        for e in events:
+            if e.get("Spec") == "profiling":
+                profile[e["X-Trace"][2:42]].append(e)
+        self.assertEqual(sorted(e["X-Trace"][2:42] for e in trace_exits), sorted(profile))
+        tids, names = set(), set()
+        for task, span in profile.items():
+            self.assertEqual("entry", span[0]["Label"], task)
+            self.assertEqual("exit", span[-1]["Label"], task)
+            infos = [e for e in span if e["Label"] == "info"]
+            self.assertEqual(1, len({i["TID"] for i in infos}), "one request, one thread: %s" % task)
+            tids.update(i["TID"] for i in infos)
+            names.update(f.get("M") for i in infos for f in i["NewFrames"])
+        self.assertEqual(THREADS, len(tids))
+        self.assertTrue({"crunch", "pause", "usleep"} <= names, names)
