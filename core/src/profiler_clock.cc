@@ -20,7 +20,7 @@ struct vesk_profiler_clock {
     // snapshot is due at once. 64-bit, so a worker's long request never wraps.
     std::atomic<uint64_t> tick{1};
     std::chrono::microseconds interval{0};
-    // Under g_clocks_mutex: the request's side and the clock's.
+    // Under registry().mutex: the request's side and the clock's.
     void (*raise)(void *) = nullptr;
     void *target = nullptr;
     bool stop = false;
@@ -35,19 +35,29 @@ namespace {
 // One lock for all clocks: a tick holds it for one store, so the clocks of
 // many request threads do not contend, and a fork can take it to find every
 // clock in a known state.
-std::mutex g_clocks_mutex;
-vesk_profiler_clock *g_clocks = nullptr;
+struct Registry {
+    std::mutex mutex;
+    std::condition_variable gone;           // a clock thread ended
+    vesk_profiler_clock *clocks = nullptr;  // clocks with a thread
+};
+
+// Never destroyed: a clock thread may still be ending while the process
+// runs its exit handlers.
+Registry &registry() {
+    static Registry *r = new Registry;
+    return *r;
+}
 
 void link(vesk_profiler_clock *c) {
-    c->next = g_clocks;
-    if (g_clocks) g_clocks->prev = c;
-    g_clocks = c;
+    c->next = registry().clocks;
+    if (registry().clocks) registry().clocks->prev = c;
+    registry().clocks = c;
 }
 
 void unlink(vesk_profiler_clock *c) {
     if (c->prev) c->prev->next = c->next;
     if (c->next) c->next->prev = c->prev;
-    if (g_clocks == c) g_clocks = c->next;
+    if (registry().clocks == c) registry().clocks = c->next;
     c->prev = c->next = nullptr;
 }
 
@@ -57,7 +67,7 @@ void unlink(vesk_profiler_clock *c) {
 // in a burst.
 void *clock_main(void *arg) {
     vesk_profiler_clock *c = static_cast<vesk_profiler_clock *>(arg);
-    std::unique_lock<std::mutex> lock(g_clocks_mutex);
+    std::unique_lock<std::mutex> lock(registry().mutex);
     Clock::time_point deadline = Clock::now();
     bool started = false;
     while (!c->stop) {
@@ -76,22 +86,23 @@ void *clock_main(void *arg) {
     }
     unlink(c);
     delete c;
+    registry().gone.notify_all();
     return nullptr;
 }
 
-void before_fork() { g_clocks_mutex.lock(); }
-void after_fork_parent() { g_clocks_mutex.unlock(); }
+void before_fork() { registry().mutex.lock(); }
+void after_fork_parent() { registry().mutex.unlock(); }
 // The child has none of the clock threads: their clocks stand still, and
 // their requests free them at stop.
 void after_fork_child() {
-    for (vesk_profiler_clock *c = g_clocks; c != nullptr;) {
+    for (vesk_profiler_clock *c = registry().clocks; c != nullptr;) {
         vesk_profiler_clock *next = c->next;
         c->orphan = true;
         c->prev = c->next = nullptr;
         c = next;
     }
-    g_clocks = nullptr;
-    g_clocks_mutex.unlock();
+    registry().clocks = nullptr;
+    registry().mutex.unlock();
 }
 pthread_once_t g_atfork_once = PTHREAD_ONCE_INIT;
 void register_atfork() { pthread_atfork(before_fork, after_fork_parent, after_fork_child); }
@@ -114,7 +125,7 @@ vesk_profiler_clock *vesk_profiler_clock_start(int64_t interval_us, void (*raise
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     pthread_attr_setstacksize(&attr, 64 * 1024);  // it only waits
     pthread_t thread;
-    std::lock_guard<std::mutex> lock(g_clocks_mutex);
+    std::lock_guard<std::mutex> lock(registry().mutex);
     int rc = pthread_create(&thread, &attr, clock_main, c);
     pthread_attr_destroy(&attr);
     if (rc != 0) {
@@ -127,10 +138,17 @@ vesk_profiler_clock *vesk_profiler_clock_start(int64_t interval_us, void (*raise
 }
 
 void vesk_profiler_clock_nudge(vesk_profiler_clock *clock) {
-    std::lock_guard<std::mutex> lock(g_clocks_mutex);
+    std::lock_guard<std::mutex> lock(registry().mutex);
     if (clock->orphan || clock->stop) return;
     clock->nudged = true;
     clock->wake.notify_one();
+}
+
+int vesk_profiler_clocks_wait(long timeout_ms) {
+    std::unique_lock<std::mutex> lock(registry().mutex);
+    return registry().gone.wait_for(lock, std::chrono::milliseconds(timeout_ms), [] { return registry().clocks == nullptr; })
+               ? 0
+               : -1;
 }
 
 uint64_t vesk_profiler_clock_tick(const vesk_profiler_clock *clock) {
@@ -139,7 +157,7 @@ uint64_t vesk_profiler_clock_tick(const vesk_profiler_clock *clock) {
 
 void vesk_profiler_clock_stop(vesk_profiler_clock *clock) {
     if (clock == nullptr) return;
-    std::lock_guard<std::mutex> lock(g_clocks_mutex);
+    std::lock_guard<std::mutex> lock(registry().mutex);
     if (clock->orphan) {
         // Its condition variable still counts the parent's waiting thread,
         // and destroying it would wait for that thread forever: the memory

@@ -283,6 +283,7 @@ TEST(ProfilerClock, StoppedClocksNeverTouchTheirTargetAgain) {
     }
     for (auto &t : threads) t.join();
     EXPECT_EQ(0, failures.load());
+    EXPECT_EQ(0, vesk_profiler_clocks_wait(5000));  // every stopped clock's thread ends
 }
 
 TEST(ProfilerClock, TicksFollowTheInterval) {

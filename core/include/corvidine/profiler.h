@@ -52,6 +52,11 @@ uint64_t vesk_profiler_clock_tick(const vesk_profiler_clock *clock);
  * clock is freed (by its thread, or here); do not use it afterwards. */
 void vesk_profiler_clock_stop(vesk_profiler_clock *clock);
 
+/* Waits until every clock thread of this process has ended (they end as
+ * soon as their clock is stopped): module shutdown, so that no thread runs
+ * the module's code once it may be unloaded. 0, or -1 after timeout_ms. */
+int vesk_profiler_clocks_wait(long timeout_ms);
+
 /* ---- snapshots (request thread) */
 
 typedef struct vesk_profiler_snapshot vesk_profiler_snapshot;

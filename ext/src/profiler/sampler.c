@@ -136,6 +136,9 @@ void php_vesk_profiler_mshutdown(void) {
         zend_interrupt_function = php_vesk_previous_interrupt;
     }
     vesk_profiler_terminate();
+    if (vesk_profiler_clocks_wait(1000) != 0) {
+        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_PHP, VESK_DEBUG_WARNING, "Profiler clocks still running at shutdown");
+    }
 }
 
 void php_vesk_profiler_request_start(void) {
@@ -160,8 +163,10 @@ void php_vesk_profiler_request_end(void) {
     uint64_t tick = vesk_profiler_clock_tick(clock);
     VESK_G(profiler_clock) = NULL;
     vesk_profiler_clock_stop(clock);
+    /* Refused only where no profiler thread runs: a child forked during
+     * the request, whose snapshots went to the parent's. */
     if (vesk_profiler_notify_done(&VESK_G(profiler_parent_metadata), tick, VESK_G(request_service_name),
                                   VESK_G(profiler_interval_us)) != 0) {
-        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_PHP, VESK_DEBUG_WARNING, "Profiling span could not be closed");
+        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_PHP, VESK_DEBUG_LOW, "No profiler thread in this process: span not closed");
     }
 }
