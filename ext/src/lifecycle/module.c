@@ -132,8 +132,8 @@ zend_result php_vesk_module_startup(int type, int module_number) {
     php_vesk_hooks_startup();
     php_vesk_profiler_minit();
 
-    /* Laravel tables are built here; the profiler thread id and the
-     * transaction settings cache are cleared here. */
+    /* Laravel tables are built here; the transaction settings cache is
+     * cleared here. */
 
     php_vesk_apply_trigger_tracing();
 
