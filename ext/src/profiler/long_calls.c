@@ -6,9 +6,9 @@
  * would see such a tick only later, at a loop or call of whatever code runs
  * next, and blame that code for the time.
  *
- * Handlers are replaced once, at module start, in the function's own record
- * (so copies made later, such as a user class extending PDO, get ours too);
- * functions of modules that did not start before this one are left alone.
+ * Handlers are replaced once, when all modules have started and before the
+ * first request, in the function's own record (so copies made later, such
+ * as a user class extending PDO, get ours too).
  * When no profiled request runs, a call costs one read of module globals.
  */
 #include "php_corvidine.h"

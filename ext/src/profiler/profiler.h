@@ -24,8 +24,8 @@
 
 #include "php.h"
 
-/* Module start: the interrupt handler (chained to the one before) and the
- * wrapped long calls. */
+/* Module start: the interrupt handler (chained to the one before); the long
+ * calls are wrapped once all modules have started. */
 void php_vesk_profiler_minit(void);
 /* Module shutdown: restores both, then lets the profiler thread send what
  * is queued and joins it, so that a CLI run's profile is out before the

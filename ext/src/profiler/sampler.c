@@ -14,6 +14,7 @@
 /* The handler that was installed before ours (pcntl's, for one); written
  * at module start and shutdown only. */
 static void (*php_vesk_previous_interrupt)(zend_execute_data *execute_data);
+static zend_result (*php_vesk_previous_post_startup)(void);
 
 /* Called on the clock thread, under the clock's lock, while the request
  * runs. */
@@ -124,10 +125,18 @@ static void php_vesk_profiler_interrupt(zend_execute_data *execute_data) {
     }
 }
 
+/* Once every module has started (and registered its functions, whatever
+ * the order in which the modules were loaded), before the first request. */
+static zend_result php_vesk_profiler_post_startup(void) {
+    php_vesk_long_calls_wrap();
+    return php_vesk_previous_post_startup != NULL ? php_vesk_previous_post_startup() : SUCCESS;
+}
+
 void php_vesk_profiler_minit(void) {
     php_vesk_previous_interrupt = zend_interrupt_function;
     zend_interrupt_function = php_vesk_profiler_interrupt;
-    php_vesk_long_calls_wrap();
+    php_vesk_previous_post_startup = zend_post_startup_cb;
+    zend_post_startup_cb = php_vesk_profiler_post_startup;
 }
 
 void php_vesk_profiler_mshutdown(void) {

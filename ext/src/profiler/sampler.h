@@ -8,8 +8,8 @@
  * while this request's clock runs (VESK_G(profiler_clock) set). */
 void php_vesk_profiler_sample(zend_execute_data *execute_data);
 
-/* Puts the long-call handlers in place of the originals' (module start,
- * before any request) and back (module shutdown). */
+/* Puts the long-call handlers in place of the originals' (after every
+ * module started, before any request) and back (module shutdown). */
 void php_vesk_long_calls_wrap(void);
 void php_vesk_long_calls_unwrap(void);
 
