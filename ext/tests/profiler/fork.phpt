@@ -10,8 +10,8 @@ require __DIR__ . '/profiler.inc';
 $code = <<<'PHP'
 <?php
 function spin(int $n) { $x = 0; for ($i = 0; $i < $n; $i++) { $x += $i; } return $x; }
-function before() { spin(3000000); }
-function after() { spin(3000000); }
+function before() { spin(10000000); }
+function after() { spin(10000000); }
 function in_child() { spin(2000000); }
 before();
 $pid = pcntl_fork();
