@@ -123,7 +123,8 @@ vesk_profiler_clock *vesk_profiler_clock_start(int64_t interval_us, void (*raise
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_attr_setstacksize(&attr, 64 * 1024);  // it only waits
+    // It only waits; glibc takes the static TLS of the process out of this.
+    pthread_attr_setstacksize(&attr, 256 * 1024);
     pthread_t thread;
     std::lock_guard<std::mutex> lock(registry().mutex);
     int rc = pthread_create(&thread, &attr, clock_main, c);
