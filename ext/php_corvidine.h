@@ -61,6 +61,9 @@ ZEND_BEGIN_MODULE_GLOBALS(vesk)
     int do_metrics;
     int profiling_enabled;
     int64_t profiler_interval_us;
+    uint64_t profiler_last_tick;               /* tick of the last snapshot; 0: none yet */
+    struct vesk_profiler_clock *profiler_clock; /* while this request is sampled */
+    vesk_metadata_t profiler_parent_metadata;  /* context after the entry event */
     int enable_laravel_tracing;
     int laravel_state; /* -1 not yet detected, 0 not Laravel, 1 Laravel */
     int laravel_detect_count;

@@ -130,3 +130,34 @@ class ThreadedServer(unittest.TestCase):
                     self.assertEqual({("entry", "preg_match"): 1, ("exit", "preg_match"): 1,
                                       ("entry", "ArrayObject::offsetGet"): 3, ("exit", "ArrayObject::offsetGet"): 3},
                                      dict(wrapped))
+
+    PROFILED_CODE = ("function crunch($n) { $x = 0; for ($i = 0; $i < $n; $i++) { $x += $i & 3; } return $x; }"
+                     " function pause() { usleep(20000); } crunch(1500000); pause(); echo 'ok';")
+
+    def test_each_thread_profiles_its_own_requests(self):
+        """Every request profiled: a clock per request raises its own
+        thread's VM interrupt and stops before the thread's next request;
+        all threads share the one profiler thread."""
+        result, traces = self.run_threads(extra_env={"CORVIDINE_THREADS_CODE": self.PROFILED_CODE,
+                                                      "CORVIDINE_THREADS_INI": "corvidine.enable_profiling=1"})
+        self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
+        events = [d for d in harness.decode_documents(traces) if "Label" in d and not d.get("__Init")]
+        trace_exits = [e for e in events if e["Label"] == "exit" and e.get("Spec") != "profiling"]
+        sampled = THREADS * ((REQUESTS + 1) // 2)
+        self.assertEqual(sampled, len(trace_exits))
+        self.assertEqual([1] * sampled, [e["ProfileSpans"] for e in trace_exits])
+        profile = collections.defaultdict(list)
+        for e in events:
+            if e.get("Spec") == "profiling":
+                profile[e["X-Trace"][2:42]].append(e)
+        self.assertEqual(sorted(e["X-Trace"][2:42] for e in trace_exits), sorted(profile))
+        tids, names = set(), set()
+        for task, span in profile.items():
+            self.assertEqual("entry", span[0]["Label"], task)
+            self.assertEqual("exit", span[-1]["Label"], task)
+            infos = [e for e in span if e["Label"] == "info"]
+            self.assertEqual(1, len({i["TID"] for i in infos}), "one request, one thread: %s" % task)
+            tids.update(i["TID"] for i in infos)
+            names.update(f.get("M") for i in infos for f in i["NewFrames"])
+        self.assertEqual(THREADS, len(tids))
+        self.assertTrue({"crunch", "pause", "usleep"} <= names, names)

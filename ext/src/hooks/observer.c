@@ -22,8 +22,8 @@
  * watch register their watcher there, before php_vesk_hooks_startup().
  *
  * What the observer does not give: a way to replace the execution of a
- * function (it only watches). The Laravel dispatcher and the profiler only
- * need to watch, so nothing is lost.
+ * function (it only watches). The Laravel dispatcher only needs to watch, so
+ * nothing is lost. (The profiler samples through the VM interrupt instead.)
  *
  * Observers cannot be unregistered; at module shutdown the watchers are
  * forgotten and the engine's own handlers stay as the engine set them.
@@ -86,7 +86,6 @@ int php_vesk_hooks_add_watcher(const php_vesk_fcall_watcher *watcher) {
 
 void php_vesk_hooks_startup(void) {
     /* Watchers join here, before the registration:
-     *   the profiler's stack sampler (runs while a traced request profiles);
      *   the Laravel detector and dispatcher (corvidine.enable_laravel_tracing). */
     if (php_vesk_watcher_count == 0) {
         return;

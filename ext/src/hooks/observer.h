@@ -1,8 +1,9 @@
 /*
- * Engine hooks: the one place where the extension sees PHP function calls.
+ * Engine hooks: where features watch PHP function calls (the profiler
+ * samples through the VM interrupt instead, see src/profiler).
  *
- * Features that need a callback around function calls (the stack sampler of
- * the profiler, the Laravel dispatcher) register a watcher here during
+ * Features that need a callback around function calls (the Laravel
+ * dispatcher) register a watcher here during
  * module start, before php_vesk_hooks_startup() runs. The engine observer is
  * registered only when there is a watcher: on PHP 8.2 a registered observer
  * slows every call, watched or not (see observer.c).

@@ -17,6 +17,7 @@
 #include "src/laravel/dispatch.h"
 #include "src/lifecycle/init_event.h"
 #include "src/lifecycle/module.h"
+#include "src/profiler/profiler.h"
 #include "src/request/request_trace.h"
 #include "src/testing/wrap_family.h"
 #include "src/wrap/wrap.h"
@@ -135,9 +136,9 @@ zend_result php_vesk_module_startup(int type, int module_number) {
 
     php_vesk_laravel_minit(); /* a watcher of the hooks: before they start */
     php_vesk_hooks_startup();
+    php_vesk_profiler_minit();
 
-    /* The profiler thread id and the transaction settings cache are cleared
-     * here. */
+    /* The transaction settings cache is cleared here. */
 
     php_vesk_apply_trigger_tracing();
 
@@ -169,7 +170,7 @@ zend_result php_vesk_module_shutdown(int type, int module_number) {
     php_vesk_hooks_shutdown();
     php_vesk_laravel_mshutdown();
 
-    /* The profiler thread is told to stop and joined here. */
+    php_vesk_profiler_mshutdown();
     php_vesk_transaction_settings_destroy();
 
     /* The core itself shuts down through its exit handler, which flushes the

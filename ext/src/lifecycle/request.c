@@ -7,6 +7,7 @@
 #include "src/config/ini.h"
 #include "src/laravel/dispatch.h"
 #include "src/lifecycle/request.h"
+#include "src/profiler/profiler.h"
 #include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
 #include "src/wrap/wrap.h"
@@ -90,8 +91,9 @@ zend_result php_vesk_request_startup(void) {
 
     int sample_rate, sample_source;
     php_vesk_start_trace("PHP", NULL, &sample_rate, &sample_source, NULL, 0, 0);
-    /* When the request is sampled and profiled, the stack sampler starts
-     * here. */
+    if (VESK_G(tracing) && VESK_G(profiling_enabled)) {
+        php_vesk_profiler_request_start();
+    }
 
     VESK_G(transaction_name)[0] = '\0';
     VESK_G(custom_transaction_name)[0] = '\0';
@@ -125,7 +127,8 @@ zend_result php_vesk_request_shutdown(void) {
     }
     VESK_G(trace_started) = 0;
 
-    /* The profiler hands its span over here (sampled and profiled requests). */
+    /* The profiler's span is closed before the trace's exit event. */
+    php_vesk_profiler_request_end();
     php_vesk_laravel_request_shutdown(); /* open Laravel spans are reported and closed */
     php_vesk_end_trace(NULL, 0, 0);
 

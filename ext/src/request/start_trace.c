@@ -184,9 +184,6 @@ static void php_vesk_sampled_path(const char *layer, const vesk_tracing_decision
 
     php_vesk_trace_event(layer, "entry", list, event_flags);
 
-    /* Join point of the profiler: with profiling_enabled, the context is
-     * copied here as the parent of the profiling spans. */
-
     /* The exit event gets its id now, so that the response can name it
      * although the event is sent only at request end. A trace started
      * twice in one request (from PHP code) replaces the first one's. */
@@ -282,9 +279,8 @@ void php_vesk_end_trace(const php_vesk_kv *kvs, int kv_count, int event_flags) {
         for (int i = 0; i < kv_count && kvs[i].type != PHP_VESK_KV_END; i++) {
             list[n++] = kvs[i];
         }
-        /* -1 without profiling; whether any snapshot was taken otherwise. The
-         * stack sampler is not part of this build, so none was. */
-        int32_t profile_spans = VESK_G(profiling_enabled) ? 0 : -1;
+        /* -1 without profiling; whether any snapshot was taken otherwise. */
+        int32_t profile_spans = VESK_G(profiling_enabled) ? VESK_G(profiler_last_tick) != 0 : -1;
         int64_t status = SG(sapi_headers).http_response_code;
         list[n++] = (php_vesk_kv){PHP_VESK_KV_INT, "ProfileSpans", &profile_spans, 4};
         if (VESK_G(transaction_name)[0] != '\0') {

@@ -9,7 +9,7 @@
  *   threads EXTENSION SETTINGS-DIR THREADS REQUESTS
  *
  * CORVIDINE_THREADS_CODE, when set, is the PHP code each request runs (else
- * "echo 'ok';"); CORVIDINE_THREADS_INI adds INI lines.
+ * an echo), and CORVIDINE_THREADS_INI more INI lines for the process.
  *
  * Prints "requests N answered N sampled-headers N unsampled-headers N" and
  * exits 0 when every request was answered with an X-Trace header whose flags
@@ -27,6 +27,7 @@
 #include "zend_ini.h"
 
 static const char *settings_dir;
+static const char *request_code = "echo 'ok';";
 static int requests_per_thread;
 
 static __thread int thread_number;
@@ -126,8 +127,7 @@ static void *serve(void *argument) {
             fprintf(stderr, "thread %d: request %d did not start\n", thread_number, request_number);
             continue;
         }
-        const char *code = getenv("CORVIDINE_THREADS_CODE");
-        zend_eval_string(code != NULL ? code : "echo 'ok';", NULL, "threads");
+        zend_eval_string(request_code, NULL, "threads");
         php_request_shutdown(NULL);
         SG(server_context) = NULL;
 
@@ -156,6 +156,10 @@ int main(int argc, char **argv) {
         return 2;
     }
     settings_dir = argv[2];
+    if (getenv("CORVIDINE_THREADS_CODE") != NULL) {
+        request_code = getenv("CORVIDINE_THREADS_CODE");
+    }
+    const char *more_ini = getenv("CORVIDINE_THREADS_INI") ? getenv("CORVIDINE_THREADS_INI") : "";
     int threads = atoi(argv[3]);
     requests_per_thread = atoi(argv[4]);
 
@@ -163,9 +167,8 @@ int main(int argc, char **argv) {
     zend_signal_startup();
     sapi_startup(&threads_module);
     char *ini;
-    const char *extra_ini = getenv("CORVIDINE_THREADS_INI");
     if (asprintf(&ini, "extension=%s\nmax_execution_time=0\nexpose_php=0\noutput_buffering=0\n%s\n", argv[1],
-                 extra_ini != NULL ? extra_ini : "") < 0) {
+                 more_ini) < 0) {
         return 1;
     }
     threads_module.ini_entries = ini;
