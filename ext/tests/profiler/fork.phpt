@@ -12,7 +12,7 @@ $code = <<<'PHP'
 function spin(int $n) { $x = 0; for ($i = 0; $i < $n; $i++) { $x += $i; } return $x; }
 function before() { spin(10000000); }
 function after() { spin(10000000); }
-function in_child() { spin(2000000); }
+function in_child() { usleep(200000); } // the parent waits long enough for several ticks
 before();
 $pid = pcntl_fork();
 if ($pid === 0) {
