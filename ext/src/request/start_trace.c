@@ -13,6 +13,7 @@
 
 #include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
+#include "src/request/response_header.h"
 #include "src/request/trace_options.h"
 
 /* Records the entry event adds behind the caller's and the custom- options. */
@@ -36,10 +37,7 @@ static void php_vesk_send_xtrace_header(const vesk_metadata_t *md) {
     memcpy(line, "X-Trace: ", sizeof("X-Trace: ") - 1);
     memcpy(line + sizeof("X-Trace: ") - 1, id, id_len);
     line[sizeof("X-Trace: ") - 1 + id_len] = '\0';
-    sapi_header_line header = {0};
-    header.line = line;
-    header.line_len = sizeof("X-Trace: ") - 1 + id_len;
-    sapi_header_op(SAPI_HEADER_ADD, &header);
+    php_vesk_add_own_header(line, sizeof("X-Trace: ") - 1 + id_len);
 }
 
 /* The process-wide mode and rate from INI, written anew by every request (in
