@@ -24,8 +24,10 @@
 # 2 x REQUESTS requests: the difference divided by REQUESTS is the cost of one
 # request, without what happens once (first-use set-up).
 #
-# Set-ups: the extension not loaded; loaded with the null reporter (nothing
-# is sampled); with the UDP reporter and sample rate 0 (unsampled, as in
+# Every set-up has the same environment (PHP reads it at request start too).
+# Set-ups: the extension not loaded; loaded but turned off (corvidine.enable
+# 0); loaded with the null reporter (nothing is sampled); with the UDP
+# reporter and sample rate 0 (unsampled, as in
 # tools/bench-http.sh); with sample rate 1000000 (every request sampled, its
 # entry and exit events sent to a local UDP listener).
 set -euo pipefail
@@ -103,8 +105,9 @@ udp_env = {"CORVIDINE_REPORTER": "udp", "CORVIDINE_COLLECTOR": "127.0.0.1:%d" % 
            "CORVIDINE_TOKEN_BUCKET_CAPACITY": "10000000", "CORVIDINE_TOKEN_BUCKET_RATE": "10000000"}
 ext = ["-d", "extension=" + so, "-d", "corvidine.service_key=bench:bench"]
 setups = [
-    ("off", [], {}),
-    ("unsampled, null reporter", ext, {"CORVIDINE_REPORTER": "null"}),
+    ("off", [], udp_env),
+    ("loaded, corvidine.enable=0", ext + ["-d", "corvidine.enable=0"], udp_env),
+    ("unsampled, null reporter", ext, dict(udp_env, CORVIDINE_REPORTER="null")),
     ("unsampled, UDP, rate 0", ext + ["-d", "corvidine.sample_rate=0"], udp_env),
     ("sampled, UDP, rate 1000000", ext + ["-d", "corvidine.sample_rate=1000000"], udp_env),
 ]
@@ -233,11 +236,11 @@ def run_cgi(name, args, env, count, out_prefix):
 
 
 def check(name, args, page):
-    loaded = bool(args)
+    tracing = bool(args) and "corvidine.enable=0" not in args
     if "ok" not in page:
         sys.exit("bench-request-cost: %s: unexpected page %r" % (name, page[:300]))
-    if ("X-Trace:" in page) != loaded:
-        sys.exit("bench-request-cost: %s: X-Trace header %s" % (name, "missing" if loaded else "present"))
+    if ("X-Trace:" in page) != tracing:
+        sys.exit("bench-request-cost: %s: X-Trace header %s" % (name, "missing" if tracing else "present"))
 
 
 def instructions(name, args, extra_env, count):

@@ -16,6 +16,10 @@ int php_vesk_request_inactive(void) {
     return php_vesk_cli_off() || !php_vesk_request_ini_on(PHP_VESK_RINI_ENABLE);
 }
 
+/* Whether request start found the module active: request end goes by it
+ * (both entries are per-directory, so they cannot change in between). */
+ZEND_TLS int php_vesk_request_active;
+
 /* The last key seen on this thread, the names it was compared with, and the
  * service it made ("" for none): the key seldom changes between requests. */
 ZEND_TLS char php_vesk_last_service_key[PHP_VESK_SERVICE_KEY_SIZE];
@@ -79,7 +83,8 @@ static void php_vesk_profiling_interval(void) {
 }
 
 zend_result php_vesk_request_startup(void) {
-    if (php_vesk_request_inactive()) {
+    php_vesk_request_active = !php_vesk_request_inactive();
+    if (!php_vesk_request_active) {
         return SUCCESS;
     }
     VESK_G(do_metrics) = 0;
@@ -139,12 +144,12 @@ static void php_vesk_destroy_request_zval(zval *value) {
 }
 
 zend_result php_vesk_request_shutdown(void) {
-    /* Taken before any test, so the span covers all of the request. */
-    int64_t stop = vesk_span_stop();
-
-    if (php_vesk_request_inactive()) {
+    if (!php_vesk_request_active) {
         return SUCCESS;
     }
+    php_vesk_request_active = 0;
+    /* Taken first, so the span covers all of the request. */
+    int64_t stop = vesk_span_stop();
 
     if (VESK_G(trace_started) && !php_vesk_request_ini_on(PHP_VESK_RINI_USE_CUSTOM_START_TRACE)) {
         php_vesk_record_span(VESK_G(span_start), stop);

@@ -59,6 +59,7 @@ typedef struct {
     size_t length[PHP_VESK_SV_COUNT];
     uint32_t pending; /* bit per key: still to be looked up in the parameters */
     size_t used;      /* of inline_block */
+    uint32_t on_heap; /* bit per key: its copy is in heap[] */
     char *heap[PHP_VESK_SV_COUNT];
     char inline_block[PHP_VESK_SERVER_INLINE];
 } php_vesk_server_copy;
@@ -78,7 +79,11 @@ static void php_vesk_server_keep(php_vesk_server_id id, const char *value, size_
         copy = vars->inline_block + vars->used;
         vars->used += length + 1;
     } else {
+        if (vars->on_heap & (1u << id)) {
+            efree(vars->heap[id]);
+        }
         copy = vars->heap[id] = emalloc(length + 1);
+        vars->on_heap |= 1u << id;
     }
     memcpy(copy, value, length);
     copy[length] = '\0';
@@ -199,13 +204,7 @@ static int php_vesk_environment_unchanged(const php_vesk_env_scan *seen) {
     if (seen->array != environ || seen->array == NULL) {
         return 0;
     }
-    size_t i = 0;
-    for (; i < seen->count; i++) {
-        if (environ[i] != seen->entry[i]) {
-            return 0;
-        }
-    }
-    return environ[i] == NULL;
+    return memcmp(environ, seen->entry, seen->count * sizeof(char *)) == 0 && environ[seen->count] == NULL;
 }
 
 static void php_vesk_environment_sources(const char *first[], const char *last[]) {
@@ -302,10 +301,10 @@ int php_vesk_cache_server_globals(void) {
 
 void php_vesk_server_cache_clear(void) {
     php_vesk_server_copy *vars = &php_vesk_server_vars;
-    for (size_t i = 0; i < PHP_VESK_SV_COUNT; i++) {
-        if (vars->heap[i] != NULL) {
+    for (size_t i = 0; vars->on_heap != 0; i++) {
+        if (vars->on_heap & (1u << i)) {
             efree(vars->heap[i]);
-            vars->heap[i] = NULL;
+            vars->on_heap &= ~(1u << i);
         }
     }
     memset(vars->value, 0, sizeof(vars->value));
