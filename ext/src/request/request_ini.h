@@ -41,10 +41,23 @@ static inline zend_long php_vesk_request_ini_long(php_vesk_request_ini_id id) {
     if (entry == NULL || entry->value == NULL) {
         return 0;
     }
-    /* The on/off entries hold one digit: strtol's answer without its cost. */
+    /* Plain decimal numbers (the on/off entries' one digit, a sample rate):
+     * strtol's answer without its cost. A leading 0 means octal to strtol
+     * with base 0, and signs, blanks, hex and overlong values go to it too. */
     const char *value = ZSTR_VAL(entry->value);
-    if (ZSTR_LEN(entry->value) == 1 && value[0] >= '0' && value[0] <= '9') {
+    size_t length = ZSTR_LEN(entry->value);
+    if (length == 1 && value[0] >= '0' && value[0] <= '9') {
         return value[0] - '0';
+    }
+    if (length >= 2 && length <= 18 && value[0] >= '1' && value[0] <= '9') {
+        zend_long number = 0;
+        size_t i = 0;
+        for (; i < length && value[i] >= '0' && value[i] <= '9'; i++) {
+            number = number * 10 + (value[i] - '0');
+        }
+        if (i == length) {
+            return number;
+        }
     }
     return ZEND_STRTOL(value, NULL, 0);
 }

@@ -4,10 +4,11 @@
 
 #include "php.h"
 
-/* Adds a header line that the agent built itself ("Name: value", no line
- * breaks, no NUL, no trailing blanks, not one of the headers the SAPI layer
- * treats specially), as sapi_header_op(SAPI_HEADER_ADD) would. FAILURE once
- * the headers are sent. */
-zend_result php_vesk_add_own_header(const char *line, size_t line_len);
+#include "corvidine/metadata.h"
+
+/* Adds "X-Trace: <id>" to the response, as sapi_header_op(SAPI_HEADER_ADD)
+ * would; an id that cannot be written is left out. FAILURE then, or once the
+ * headers are sent. */
+zend_result php_vesk_add_xtrace_header(const vesk_metadata_t *md);
 
 #endif

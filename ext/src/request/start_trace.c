@@ -28,16 +28,7 @@ static int php_vesk_sapi_is_cli(void) {
 /* Adds "X-Trace: <id>" to the response; an id that cannot be written is left
  * out. */
 static void php_vesk_send_xtrace_header(const vesk_metadata_t *md) {
-    char id[VESK_MAX_METADATA_STRING_LEN];
-    if (vesk_metadata_tostr(md, id, sizeof(id)) != 0) {
-        return;
-    }
-    char line[sizeof("X-Trace: ") + VESK_MAX_METADATA_STRING_LEN];
-    size_t id_len = strnlen(id, sizeof(id) - 1);
-    memcpy(line, "X-Trace: ", sizeof("X-Trace: ") - 1);
-    memcpy(line + sizeof("X-Trace: ") - 1, id, id_len);
-    line[sizeof("X-Trace: ") - 1 + id_len] = '\0';
-    php_vesk_add_own_header(line, sizeof("X-Trace: ") - 1 + id_len);
+    php_vesk_add_xtrace_header(md);
 }
 
 /* The process-wide mode and rate from INI, written anew by every request (in
