@@ -57,8 +57,14 @@ test-tsan: build-tsan
 test: deps
 	@tools/run-tests.sh
 
-# Every benchmark, each against a baseline measured in the same run.
-bench: bench-core bench-collector bench-ext bench-http
+# Every benchmark, each against a baseline measured in the same run; ends
+# with a summary of the per-request figures (instruction counts, which are
+# stable where wall time is not, then the wrk ratios).
+BENCH_SUMMARY_FILE = $(CURDIR)/build-logs/bench-summary.txt
+bench:
+	@mkdir -p build-logs && rm -f $(BENCH_SUMMARY_FILE)
+	@BENCH_SUMMARY=$(BENCH_SUMMARY_FILE) $(MAKE) --no-print-directory bench-core bench-collector bench-ext bench-http
+	@echo; echo "== bench summary (per request, against the same run's baseline) =="; cat $(BENCH_SUMMARY_FILE)
 
 bench-core: deps
 	@cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DCORVIDINE_TESTS=OFF >/dev/null

@@ -8,6 +8,8 @@
 #   BENCH_PROFILE_DIR=dir tools/bench-request-cost.sh  keep the callgrind files
 #                                                      (callgrind_annotate them)
 #   BENCH_CALLGRIND_ARGS="--cache-sim=yes" ...         more callgrind options
+#   BENCH_SUMMARY=file ...                             append the summary lines
+#   BENCH_CLI_RUNS=n ...                               timed CLI runs (40)
 #
 # fpm: php-fpm8.2 with one worker under callgrind, as tools/bench-http.sh
 #      runs it (clear_env = no), answering REQUESTS FastCGI requests that
@@ -24,10 +26,16 @@
 # 2 x REQUESTS requests: the difference divided by REQUESTS is the cost of one
 # request, without what happens once (first-use set-up).
 #
-# Set-ups: the extension not loaded; loaded with the null reporter (nothing
-# is sampled); with the UDP reporter and sample rate 0 (unsampled, as in
+# Set-ups: the extension not loaded; loaded but turned off (corvidine.enable
+# 0); loaded with the null reporter (nothing is sampled); with the UDP
+# reporter and sample rate 0 (unsampled, as in
 # tools/bench-http.sh); with sample rate 1000000 (every request sampled, its
-# entry and exit events sent to a local UDP listener).
+# entry and exit events sent to a local UDP listener). Every set-up has the
+# same environment (PHP reads it at request start too). Targets are checked
+# against "off" of the same run.
+#
+# Last, in fpm mode, the fixed cost of a traced CLI run of an empty script:
+# instructions of the whole process, and CPU time (median of runs in turns).
 set -euo pipefail
 
 MODE=${1:-fpm}
@@ -103,8 +111,9 @@ udp_env = {"CORVIDINE_REPORTER": "udp", "CORVIDINE_COLLECTOR": "127.0.0.1:%d" % 
            "CORVIDINE_TOKEN_BUCKET_CAPACITY": "10000000", "CORVIDINE_TOKEN_BUCKET_RATE": "10000000"}
 ext = ["-d", "extension=" + so, "-d", "corvidine.service_key=bench:bench"]
 setups = [
-    ("off", [], {}),
-    ("unsampled, null reporter", ext, {"CORVIDINE_REPORTER": "null"}),
+    ("off", [], udp_env),
+    ("loaded, corvidine.enable=0", ext + ["-d", "corvidine.enable=0"], udp_env),
+    ("unsampled, null reporter", ext, dict(udp_env, CORVIDINE_REPORTER="null")),
     ("unsampled, UDP, rate 0", ext + ["-d", "corvidine.sample_rate=0"], udp_env),
     ("sampled, UDP, rate 1000000", ext + ["-d", "corvidine.sample_rate=1000000"], udp_env),
 ]
@@ -233,11 +242,11 @@ def run_cgi(name, args, env, count, out_prefix):
 
 
 def check(name, args, page):
-    loaded = bool(args)
+    tracing = bool(args) and "corvidine.enable=0" not in args
     if "ok" not in page:
         sys.exit("bench-request-cost: %s: unexpected page %r" % (name, page[:300]))
-    if ("X-Trace:" in page) != loaded:
-        sys.exit("bench-request-cost: %s: X-Trace header %s" % (name, "missing" if loaded else "present"))
+    if ("X-Trace:" in page) != tracing:
+        sys.exit("bench-request-cost: %s: X-Trace header %s" % (name, "missing" if tracing else "present"))
 
 
 def instructions(name, args, extra_env, count):
@@ -254,6 +263,10 @@ if profile_dir:
 print("%s: %d and %d requests under callgrind; module %s" % (
     "php-fpm8.2 worker" if mode == "fpm" else "php-cgi8.2 -T", requests, 2 * requests, so), flush=True)
 print("%-28s %14s %14s %10s" % ("setup", "instr/request", "added", "of off"), flush=True)
+# Targets against "off" of the same run: (absolute instructions, ratio).
+TARGETS = {"loaded, corvidine.enable=0": (40400, None), "unsampled, UDP, rate 0": (42500, 1.06),
+           "sampled, UDP, rate 1000000": (48000, 1.20)}
+summary = []
 base = None
 for name, args, extra_env in setups:
     before = received[0]
@@ -268,4 +281,56 @@ for name, args, extra_env in setups:
         note = "  (%.2f datagrams/request, with one __Init per run)" % datagrams
     print("%-28s %14.0f %14.0f %10.3f%s" % (name, per_request, per_request - base, per_request / base, note),
           flush=True)
+    line = "instructions/request %-28s %7.0f (%.3f of off)" % (name, per_request, per_request / base)
+    if name in TARGETS:
+        most, ratio = TARGETS[name]
+        met = per_request <= most and (ratio is None or per_request / base <= ratio)
+        line += "  target <= %d%s %s" % (most, " and <= %.2fx" % ratio if ratio else "", "met" if met else "NOT met")
+    summary.append(line)
+
+
+def cli_run(args, env, count_instructions):
+    """One CLI run of an empty script: its instructions, or its wall time."""
+    command = ["/usr/bin/php8.2", "-n"] + args + [empty_script]
+    if count_instructions:
+        run = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null"] + command,
+                             env=env, capture_output=True, text=True)
+        return int(re.search(r"Collected : (\d+)", run.stderr).group(1))
+    # CPU time (user + system) of the process: on a busy machine its wall
+    # time is mostly waiting for a CPU.
+    child = subprocess.Popen(command, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    _, status, usage = os.wait4(child.pid, 0)
+    child.returncode = status
+    if status != 0:
+        sys.exit("bench-request-cost: %s exited with status %d" % (" ".join(command), status))
+    return usage.ru_utime + usage.ru_stime
+
+
+# What a traced CLI run (cron job, queue worker) pays once: module start,
+# __Init, one request and shut-down, against PHP alone. Time: the median CPU
+# time of runs taken in turns.
+if mode == "fpm" and os.path.exists("/usr/bin/php8.2"):
+    empty_dir = tempfile.mkdtemp(prefix="corvidine-cli-")
+    empty_script = os.path.join(empty_dir, "empty.php")
+    with open(empty_script, "w") as handle:
+        handle.write("<?php\n")
+    cli_env = dict(process_env, **udp_env)
+    traced = ext + ["-d", "corvidine.enable_cli=1", "-d", "corvidine.sample_rate=1000000"]
+    added = cli_run(traced, cli_env, True) - cli_run([], cli_env, True)
+    times = {"off": [], "traced": []}
+    for _ in range(int(os.environ.get("BENCH_CLI_RUNS", "40"))):
+        times["off"].append(cli_run([], cli_env, False))
+        times["traced"].append(cli_run(traced, cli_env, False))
+    import statistics
+    added_ms = (statistics.median(times["traced"]) - statistics.median(times["off"])) * 1000
+    subprocess.run(["rm", "-rf", empty_dir])
+    print("traced CLI run, empty script: %d instructions added (target <= 1000000), %.2f ms CPU time added "
+          "(median of %d runs each; PHP alone %.2f ms; target <= 0.5 ms)"
+          % (added, added_ms, len(times["off"]), statistics.median(times["off"]) * 1000), flush=True)
+    summary.append("traced CLI run fixed cost %d instructions (target <= 1000000 %s), %.2f ms CPU (target <= 0.5 %s)"
+                   % (added, "met" if added <= 1000000 else "NOT met", added_ms, "met" if added_ms <= 0.5 else "NOT met"))
+
+if os.environ.get("BENCH_SUMMARY"):
+    with open(os.environ["BENCH_SUMMARY"], "a") as handle:
+        handle.write("".join(line + "\n" for line in summary))
 PY

@@ -6,13 +6,27 @@ serving a small page, in three set-ups measured in one run:
   unsampled  loaded, no request sampled (corvidine.sample_rate 0)
 
 For each: requests per second under load (wrk, CONNECTIONS connections),
-and latency with one connection. The set-ups are measured in turns over
-ROUNDS rounds and the median taken, so that a drift of the machine hits all
-three alike. Loopback only; every run is bounded by its duration.
+the php-fpm workers' CPU time per request, and latency with one connection.
+
+Wall-clock figures drift with whatever else the machine runs, so:
+- the set-ups take turns (off, sampled, unsampled, unsampled, sampled,
+  off, ...) over ROUNDS rounds, and each round's ratio is taken against the "off" run of the same
+  round, next to it in time; the summary gives the median of those ratios
+  and their spread (lowest..highest);
+- with two CPUs or more, php-fpm (master and workers) runs on one CPU and
+  nginx and wrk on another, so that the PHP side is what limits throughput
+  and the three never take CPU from each other (BENCH_PIN=0 turns it off).
+Which figure to believe: for steering, the instruction counts of
+tools/bench-request-cost.sh (deterministic). Of these, the median ratio;
+where req/s swings from round to round, the worker CPU ratio, which leaves
+out time spent waiting for a CPU. A spread wider than the distance to a
+target says this run cannot tell.
+Loopback only; every run is bounded by its duration.
 
     /usr/bin/python3 bench/http/bench_http.py MODULE
-Environment: BENCH_SECONDS (8), BENCH_LATENCY_SECONDS (5), BENCH_ROUNDS (3),
-BENCH_CONNECTIONS (8), BENCH_CHILDREN (4).
+Environment: BENCH_SECONDS (8), BENCH_LATENCY_SECONDS (5), BENCH_ROUNDS (5),
+BENCH_CONNECTIONS (8), BENCH_CHILDREN (2 pinned, else 4), BENCH_PIN (1),
+BENCH_SUMMARY (a file the summary lines are also written to).
 """
 import os
 import re
@@ -28,9 +42,13 @@ import harness  # noqa: E402
 
 SECONDS = int(os.environ.get("BENCH_SECONDS", "8"))
 LATENCY_SECONDS = int(os.environ.get("BENCH_LATENCY_SECONDS", "5"))
-ROUNDS = int(os.environ.get("BENCH_ROUNDS", "3"))
+ROUNDS = int(os.environ.get("BENCH_ROUNDS", "5"))
 CONNECTIONS = int(os.environ.get("BENCH_CONNECTIONS", "8"))
-CHILDREN = int(os.environ.get("BENCH_CHILDREN", "4"))
+CPUS = sorted(os.sched_getaffinity(0))
+PIN = os.environ.get("BENCH_PIN", "1") != "0" and len(CPUS) >= 2
+CHILDREN = int(os.environ.get("BENCH_CHILDREN", "2" if PIN else "4"))
+# php-fpm on the last CPU; nginx, wrk and this script on the first.
+PHP_CPU, FRONT_CPU = (CPUS[-1], CPUS[0]) if PIN else (None, None)
 
 # Targets: throughput kept, against the server without the extension.
 TARGET_SAMPLED = 0.95
@@ -121,7 +139,8 @@ def setups(listener):
 
 
 def measure(php, name, ini, env, load, listener):
-    server = harness.FpmServer(php, ini, env, children=CHILDREN, load_module=load)
+    prefix = ["taskset", "-c", str(PHP_CPU)] if PIN else None
+    server = harness.FpmServer(php, ini, env, children=CHILDREN, fpm_prefix=prefix, load_module=load)
     server.start()
     try:
         url = server.url("/index.php")
@@ -150,11 +169,22 @@ def main(argv):
         print(__doc__, file=sys.stderr)
         return 2
     php = harness.Php("nts", argv[1])
+    if PIN:
+        # nginx and wrk inherit this CPU.
+        os.sched_setaffinity(0, {FRONT_CPU})
+        print("CPUs: php-fpm on %d, nginx and wrk on %d; %d php-fpm workers" % (PHP_CPU, FRONT_CPU, CHILDREN))
+    else:
+        print("CPUs: not pinned (%d available); %d php-fpm workers" % (len(CPUS), CHILDREN))
     listener = UdpListener()
     results = {}
     try:
         for round_number in range(ROUNDS):
-            for name, ini, env, load in setups(listener):
+            # Every other round backwards, so that no set-up always runs
+            # furthest from its round's "off".
+            order = setups(listener)
+            if round_number % 2 == 1:
+                order.reverse()
+            for name, ini, env, load in order:
                 load_run, latency_run, datagrams, requests = measure(php, name, ini, env, load, listener)
                 print("round %d %-9s %9.0f req/s   worker CPU %6.1f us/req   latency avg %7.1f us  p50 %7.1f us"
                       "   events %d for %d requests"
@@ -171,27 +201,44 @@ def main(argv):
     avg = {name: median(name, 1, "avg_us") for name in results}
     p50 = {name: median(name, 1, "p50_us") for name in results}
     cpu = {name: median(name, 0, "cpu_us") for name in results}
-    sampled_ratio = rps["sampled"] / rps["off"]
-    unsampled_ratio = rps["unsampled"] / rps["off"]
     events_per_request = (sum(r[2] for r in results["sampled"]) / max(1, sum(r[3] for r in results["sampled"])))
 
+    def round_ratios(name, key, inverse=False):
+        """Per round, the set-up against the "off" run of the same round."""
+        pairs = zip(results[name], results["off"])
+        if inverse:  # CPU per request: less is better
+            return [off[0][key] / run[0][key] for run, off in pairs]
+        return [run[0][key] / off[0][key] for run, off in pairs]
+
     print()
-    print("%-10s %12s %8s %16s %14s %14s" % ("setup", "req/s", "ratio", "worker CPU (us)", "lat avg (us)",
-                                             "lat p50 (us)"))
+    print("%-10s %12s %16s %14s %14s" % ("setup", "req/s", "worker CPU (us)", "lat avg (us)", "lat p50 (us)"))
     for name in ("off", "sampled", "unsampled"):
-        print("%-10s %12.0f %8.3f %16.1f %14.1f %14.1f" % (name, rps[name], rps[name] / rps["off"], cpu[name],
-                                                        avg[name], p50[name]))
+        print("%-10s %12.0f %16.1f %14.1f %14.1f" % (name, rps[name], cpu[name], avg[name], p50[name]))
     print()
-    print("sampled:   %.3f of not loaded (target >= %.2f) %s"
-          % (sampled_ratio, TARGET_SAMPLED, "met" if sampled_ratio >= TARGET_SAMPLED else "NOT met"))
-    print("unsampled: %.3f of not loaded (target >= %.2f) %s"
-          % (unsampled_ratio, TARGET_UNSAMPLED, "met" if unsampled_ratio >= TARGET_UNSAMPLED else "NOT met"))
+    summary = []
+    for name, target in (("sampled", TARGET_SAMPLED), ("unsampled", TARGET_UNSAMPLED)):
+        ratios = round_ratios(name, "rps")
+        cpu_ratios = round_ratios(name, "cpu_us", inverse=True)
+        ratio = statistics.median(ratios)
+        verdict = "met" if ratio >= target else "NOT met"
+        if min(ratios) < target <= max(ratios):
+            verdict += " (the spread straddles the target)"
+        summary.append("wrk %-9s req/s ratio %.3f median of %d rounds, spread %.3f..%.3f (target >= %.2f) %s"
+                       % (name, ratio, len(ratios), min(ratios), max(ratios), target, verdict))
+        summary.append("wrk %-9s worker CPU ratio %.3f median, spread %.3f..%.3f"
+                       % (name, statistics.median(cpu_ratios), min(cpu_ratios), max(cpu_ratios)))
+    for line in summary:
+        print(line)
     print("added latency per sampled request: %.1f us (p50), %.1f us (avg); per unsampled: %.1f us (p50)"
           % (p50["sampled"] - p50["off"], avg["sampled"] - avg["off"], p50["unsampled"] - p50["off"]))
-    print("added worker CPU per request: %.1f us sampled, %.1f us unsampled (%.3f and %.3f of not loaded)"
-          % (cpu["sampled"] - cpu["off"], cpu["unsampled"] - cpu["off"], cpu["off"] / cpu["sampled"],
-             cpu["off"] / cpu["unsampled"]))
+    print("added worker CPU per request: %.1f us sampled, %.1f us unsampled"
+          % (cpu["sampled"] - cpu["off"], cpu["unsampled"] - cpu["off"]))
     print("events received per sampled request: %.2f (entry and exit: 2)" % events_per_request)
+    print("believe: the median ratios above, the worker CPU ratio where req/s swings (it leaves out time spent\n"
+          "waiting for a CPU); for steering, the instruction counts of tools/bench-request-cost.sh")
+    if os.environ.get("BENCH_SUMMARY"):
+        with open(os.environ["BENCH_SUMMARY"], "a") as handle:
+            handle.write("".join(line + "\n" for line in summary))
     return 0
 
 

@@ -39,14 +39,12 @@ void put_int64(char *at, int64_t v) {
 }
 #endif
 
-// Makes room for `needed` more bytes: grows to one and a half times
-// (capacity + needed). false when the buffer is finished or memory fails.
-bool ensure_room(vesk_bson_buffer *b, size_t needed) {
+// The slow part of ensure_room: finished buffers and growth.
+bool grow(vesk_bson_buffer *b, size_t needed) {
     if (b->finished) {
         if (b->data == nullptr) bson_error("trying to append to finished buffer");
         return false;
     }
-    if (static_cast<size_t>(used(b)) + needed <= static_cast<size_t>(b->capacity)) return true;
     size_t n = static_cast<size_t>(b->capacity) + needed;
     size_t new_capacity = n / 2 + n;
     if (new_capacity > 0x7FFFFFFF) {
@@ -63,6 +61,15 @@ bool ensure_room(vesk_bson_buffer *b, size_t needed) {
     b->cur = grown + offset;
     b->capacity = static_cast<int32_t>(new_capacity);
     return true;
+}
+
+// Makes room for `needed` more bytes: grows to one and a half times
+// (capacity + needed). false when the buffer is finished or memory fails.
+// Inline: every addition asks, and almost always there is room.
+inline bool ensure_room(vesk_bson_buffer *b, size_t needed) {
+    if (__builtin_expect(!b->finished && static_cast<size_t>(used(b)) + needed <= static_cast<size_t>(b->capacity), 1))
+        return true;
+    return grow(b, needed);
 }
 
 // Type byte and key; room for `payload` more bytes is ensured first.

@@ -89,8 +89,14 @@ int vesk_metadata_random(vesk_metadata_t *md) {
 
 int vesk_metadata_is_valid(const vesk_metadata_t *md) {
     assert(md);
-    static const uint8_t zero[VESK_MAX_TASK_ID_LEN] = {0};
-    return memcmp(md->task_id, zero, VESK_MAX_TASK_ID_LEN) != 0 ? 1 : 0;
+    // Asked before every addition to an event: three loads, not a memcmp.
+    static_assert(VESK_MAX_TASK_ID_LEN == 20, "the task id is read as 8 + 8 + 4 bytes");
+    uint64_t head, middle;
+    uint32_t tail;
+    memcpy(&head, md->task_id, 8);
+    memcpy(&middle, md->task_id + 8, 8);
+    memcpy(&tail, md->task_id + 16, 4);
+    return (head | middle | tail) != 0 ? 1 : 0;
 }
 
 int vesk_metadata_is_sampled(const vesk_metadata_t *md) {

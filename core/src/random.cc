@@ -1,10 +1,13 @@
-// Random sources: OpenSSL for identifiers, a per-thread random_r for the dice.
+// Random sources: the kernel's generator for identifiers, a per-thread
+// random_r for the dice.
 #include "corvidine/random.h"
 
-#include <openssl/rand.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/random.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -25,11 +28,13 @@ bool g_rand_key_ok = false;
 
 void vesk_rand_destroy(void *p) { free(p); }
 
-// OpenSSL 3 pays a fixed cost per RAND_bytes call that is many times the cost
-// of the bytes themselves, so small requests are served from a per-thread
-// pool filled in one call; a request takes a few dozen bytes, so one fill
-// serves about a hundred. A fork bumps the generation: the child refills
-// instead of handing out the same bytes as its parent.
+// Identifiers need to be unique and unpredictable, which the kernel's
+// generator (getrandom(2)) gives without any set-up in the process: OpenSSL's
+// first RAND_bytes builds its providers and DRBGs, millions of instructions
+// that every CLI run would pay for one __Init id. Small draws are served from
+// a per-thread pool filled in one call (a request takes a few dozen bytes, so
+// one fill serves about a hundred). A fork bumps the generation: the child
+// refills instead of handing out the same bytes as its parent.
 constexpr int kPoolSize = 4096;
 std::atomic<unsigned> g_fork_generation{0};
 pthread_once_t g_atfork_once = PTHREAD_ONCE_INIT;
@@ -41,6 +46,33 @@ struct RandomPool {
 };
 thread_local RandomPool t_pool;
 
+// /dev/urandom where getrandom(2) is missing (kernels before 3.17, seccomp
+// filters that refuse it).
+bool read_urandom(unsigned char *out, size_t len) {
+    int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    size_t done = 0;
+    while (done < len) {
+        ssize_t n = read(fd, out + done, len - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        done += static_cast<size_t>(n);
+    }
+    close(fd);
+    return done == len;
+}
+
+bool kernel_random(unsigned char *out, size_t len) {
+    size_t done = 0;
+    while (done < len) {
+        ssize_t n = getrandom(out + done, len - done, 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return read_urandom(out + done, len - done);
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
 void after_fork_in_child() { g_fork_generation.fetch_add(1, std::memory_order_relaxed); }
 void register_atfork() { pthread_atfork(nullptr, nullptr, after_fork_in_child); }
 
@@ -49,7 +81,7 @@ int pooled_random(unsigned char *out, int len) {
     RandomPool &pool = t_pool;
     unsigned generation = g_fork_generation.load(std::memory_order_relaxed);
     if (pool.generation != generation || kPoolSize - pool.used < len) {
-        if (RAND_bytes(pool.bytes, kPoolSize) != 1) return 0;
+        if (!kernel_random(pool.bytes, kPoolSize)) return 0;
         pool.used = 0;
         pool.generation = generation;
     }
@@ -84,9 +116,9 @@ RandState *new_state() {
 extern "C" {
 
 int vesk_random_memory(void *buf, int len) {
-    // RAND_bytes draws from the same DRBG that RAND_pseudo_bytes did.
-    if (len > 0 && len <= 64) return pooled_random(static_cast<unsigned char *>(buf), len);
-    return RAND_bytes(static_cast<unsigned char *>(buf), len);
+    if (len <= 0) return len == 0 ? 1 : 0;
+    if (len <= 64) return pooled_random(static_cast<unsigned char *>(buf), len);
+    return kernel_random(static_cast<unsigned char *>(buf), static_cast<size_t>(len)) ? 1 : 0;
 }
 
 int vesk_random_task_id(uint8_t *buf) { return vesk_random_memory(buf, 20); }

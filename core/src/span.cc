@@ -11,20 +11,21 @@
 
 namespace {
 
-// Appends into the caller's buffer without ever passing `room` characters.
-// The buffer is zeroed up to room + 1 first, so it stays NUL-terminated.
+// Appends into the caller's buffer without ever passing `room` characters,
+// and keeps what it wrote NUL-terminated.
 class NameWriter {
 public:
     NameWriter(char *buf, size_t room) : buf_(buf), room_(room) { clear(); }
 
     void clear() {
-        memset(buf_, 0, room_ + 1);
+        buf_[0] = '\0';
         used_ = 0;
     }
     void append(const char *s, size_t n) {
         size_t k = std::min(n, room_ - used_);
         memcpy(buf_ + used_, s, k);
         used_ += k;
+        buf_[used_] = '\0';
     }
     void append(const char *s) { append(s, strlen(s)); }
     bool empty() const { return used_ == 0; }
@@ -132,6 +133,7 @@ int vesk_span_get_transaction_name(vesk_reporter_t *reporter, void *context, cha
                                    const vesk_span_params_t *params) {
     if (buffer == nullptr || len == 0 || params == nullptr) return 0;
     const size_t room = std::min<size_t>(len - 1, VESK_TRANSACTION_NAME_MAX);
+    buffer[len - 1] = '\0';  // whatever the name, the buffer ends terminated
     NameWriter w(buffer, room);
 
     const bool has_domain = is_set(params->domain);

@@ -27,6 +27,14 @@ TEST(Utf8, IllFormedSequencesStopThePrefix) {
     EXPECT_EQ(0u, prefix("\xFF"));
 }
 
+TEST(Utf8, BadBytesAreFoundAtAnyOffsetBehindLongAscii) {
+    for (size_t k = 0; k < 20; ++k) {
+        std::string ascii(k, 'a');
+        EXPECT_EQ(k, prefix(ascii + "\xFF" + std::string(9, 'b'))) << k;
+        EXPECT_EQ(k + 11, prefix(ascii + "\xC3\xA9" + std::string(9, 'b'))) << k;
+    }
+}
+
 TEST(Utf8, SanitizeReplacesOnlyTheBadBytes) {
     std::string in = "ok\xFF\xC3\xA9\xE2\x82";
     char out[16];

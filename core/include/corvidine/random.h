@@ -1,5 +1,5 @@
 /*
- * Random sources. Identifiers come from OpenSSL; the sampling dice comes from
+ * Random sources. Identifiers come from the kernel (getrandom); the sampling dice comes from
  * a cheap per-thread generator that never feeds identifiers.
  */
 #ifndef CORVIDINE_RANDOM_H
@@ -11,7 +11,7 @@
 extern "C" {
 #endif
 
-/* OpenSSL pseudo-random bytes; 1 on success, as OpenSSL returns. Any thread. */
+/* Unpredictable bytes; 1 on success, 0 on failure. Any thread. */
 int vesk_random_memory(void *buf, int len);
 int vesk_random_task_id(uint8_t *buf); /* 20 bytes */
 int vesk_random_op_id(uint8_t *buf);   /* 8 bytes */

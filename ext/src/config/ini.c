@@ -6,6 +6,7 @@
 #include "ext/standard/info.h"
 
 #include "src/config/ini.h"
+#include "src/request/request_ini.h"
 
 #define VESK_PERDIR (PHP_INI_PERDIR | PHP_INI_SYSTEM)
 
@@ -91,6 +92,7 @@ zend_result php_vesk_ini_register(int type, int module_number) {
 
 void php_vesk_ini_unregister(int type, int module_number) {
     UNREGISTER_INI_ENTRIES();
+    php_vesk_request_ini_forget();
 }
 
 const char *php_vesk_ini_str(const char *name, size_t len) {
@@ -99,8 +101,12 @@ const char *php_vesk_ini_str(const char *name, size_t len) {
 }
 
 int php_vesk_cli_off(void) {
-    return sapi_module.name != NULL && strcmp(sapi_module.name, "cli") == 0 &&
-           !VESK_INI_ON("corvidine.enable_cli");
+    /* The SAPI does not change while the process lives. */
+    static int is_cli = -1;
+    if (is_cli < 0) {
+        is_cli = sapi_module.name != NULL && strcmp(sapi_module.name, "cli") == 0;
+    }
+    return is_cli && !VESK_INI_ON("corvidine.enable_cli");
 }
 
 int php_vesk_config_valid(void) {

@@ -19,12 +19,31 @@ int php_vesk_request_inactive(void) {
     return php_vesk_cli_off() || !php_vesk_request_ini_on(PHP_VESK_RINI_ENABLE);
 }
 
+/* Whether request start found the module active: request end goes by it
+ * (both entries are per-directory, so they cannot change in between). */
+ZEND_TLS int php_vesk_request_active;
+
+/* The last key seen on this thread, the names it was compared with, and the
+ * service it made ("" for none): the key seldom changes between requests. */
+ZEND_TLS char php_vesk_last_service_key[PHP_VESK_SERVICE_KEY_SIZE];
+ZEND_TLS const char *php_vesk_last_names[2];
+ZEND_TLS char php_vesk_last_service[PHP_VESK_SERVICE_KEY_SIZE];
+
 /* A per-directory service key whose service differs from both names known
  * at module start makes this request's service. The key is cut and cleaned
  * the way module start does it, so that the same key always names the same
  * service. */
 static void php_vesk_request_service_name(void) {
     const char *key = php_vesk_request_ini_str(PHP_VESK_RINI_SERVICE_KEY);
+    if (php_vesk_last_service_key[0] != '\0' && php_vesk_last_names[0] == VESK_G(ini_service_name) &&
+        php_vesk_last_names[1] == VESK_G(env_service_name) &&
+        strncmp(key, php_vesk_last_service_key, PHP_VESK_SERVICE_KEY_SIZE) == 0) {
+        if (php_vesk_last_service[0] != '\0') {
+            VESK_G(request_service_name) = estrdup(php_vesk_last_service);
+        }
+        return;
+    }
+    php_vesk_last_service_key[0] = '\0';
     if (strchr(key, ':') == NULL) {
         return;
     }
@@ -41,6 +60,12 @@ static void php_vesk_request_service_name(void) {
     if (service[0] != '\0' && (ini_name == NULL || strcmp(service, ini_name) != 0) &&
         (env_name == NULL || strcmp(service, env_name) != 0)) {
         VESK_G(request_service_name) = estrdup(service);
+    }
+    if (strlen(key) < PHP_VESK_SERVICE_KEY_SIZE) {
+        strcpy(php_vesk_last_service, VESK_G(request_service_name) != NULL ? VESK_G(request_service_name) : "");
+        strcpy(php_vesk_last_service_key, key);
+        php_vesk_last_names[0] = ini_name;
+        php_vesk_last_names[1] = env_name;
     }
 }
 
@@ -61,7 +86,8 @@ static void php_vesk_profiling_interval(void) {
 }
 
 zend_result php_vesk_request_startup(void) {
-    if (php_vesk_request_inactive()) {
+    php_vesk_request_active = !php_vesk_request_inactive();
+    if (!php_vesk_request_active) {
         return SUCCESS;
     }
     VESK_G(do_metrics) = 0;
@@ -71,7 +97,8 @@ zend_result php_vesk_request_startup(void) {
         return FAILURE;
     }
 
-    array_init(&VESK_G(custom_kvs));
+    /* The first "custom-" option makes the array. */
+    ZVAL_UNDEF(&VESK_G(custom_kvs));
     php_vesk_request_service_name();
 
     if (php_vesk_request_ini_on(PHP_VESK_RINI_USE_CUSTOM_START_TRACE)) {
@@ -115,12 +142,12 @@ static void php_vesk_destroy_request_zval(zval *value) {
 }
 
 zend_result php_vesk_request_shutdown(void) {
-    /* Taken before any test, so the span covers all of the request. */
-    int64_t stop = vesk_span_stop();
-
-    if (php_vesk_request_inactive()) {
+    if (!php_vesk_request_active) {
         return SUCCESS;
     }
+    php_vesk_request_active = 0;
+    /* Taken first, so the span covers all of the request. */
+    int64_t stop = vesk_span_stop();
 
     if (VESK_G(trace_started) && !php_vesk_request_ini_on(PHP_VESK_RINI_USE_CUSTOM_START_TRACE)) {
         php_vesk_record_span(VESK_G(span_start), stop);

@@ -1,4 +1,4 @@
-/* INI entries read on every request, with their names hashed once. */
+/* INI entries read on every request: names hashed once, records found once. */
 #include "php_corvidine.h"
 
 #include <pthread.h>
@@ -41,7 +41,7 @@ static void php_vesk_request_ini_hash_names(void) {
     }
 }
 
-zend_ini_entry *php_vesk_request_ini_entry(php_vesk_request_ini_id id) {
+static zend_ini_entry *php_vesk_request_ini_probe(php_vesk_request_ini_id id) {
     const php_vesk_request_ini_name *name = &php_vesk_request_ini_names[id];
     HashTable *table = EG(ini_directives);
     if (HT_IS_PACKED(table)) {
@@ -63,24 +63,36 @@ zend_ini_entry *php_vesk_request_ini_entry(php_vesk_request_ini_id id) {
     return NULL;
 }
 
-zend_long php_vesk_request_ini_long(php_vesk_request_ini_id id) {
-    zend_ini_entry *entry = php_vesk_request_ini_entry(id);
-    if (entry == NULL || entry->value == NULL) {
-        return 0;
+/*
+ * The entries found, per thread. An entry record stays where it is for as
+ * long as its module is loaded: ini_set(), per-directory values and their
+ * restore at request end change the record's value, never the record. The
+ * table is the thread's (each ZTS thread has its own copy of the records),
+ * so the cache belongs to the table it was filled from. Absent entries are
+ * looked for again, in case a module that declares them is loaded later.
+ */
+typedef struct {
+    HashTable *table;
+    zend_ini_entry *entry[PHP_VESK_RINI_COUNT];
+} php_vesk_request_ini_cache;
+
+ZEND_TLS php_vesk_request_ini_cache php_vesk_request_ini_found;
+
+zend_ini_entry *php_vesk_request_ini_entry(php_vesk_request_ini_id id) {
+    php_vesk_request_ini_cache *cache = &php_vesk_request_ini_found;
+    if (UNEXPECTED(cache->table != EG(ini_directives))) {
+        memset(cache, 0, sizeof(*cache));
+        cache->table = EG(ini_directives);
     }
-    /* The on/off entries hold one digit: strtol's answer without its cost. */
-    const char *value = ZSTR_VAL(entry->value);
-    if (ZSTR_LEN(entry->value) == 1 && value[0] >= '0' && value[0] <= '9') {
-        return value[0] - '0';
+    zend_ini_entry *entry = cache->entry[id];
+    if (UNEXPECTED(entry == NULL)) {
+        entry = cache->entry[id] = php_vesk_request_ini_probe(id);
     }
-    return ZEND_STRTOL(value, NULL, 0);
+    return entry;
 }
 
-int php_vesk_request_ini_on(php_vesk_request_ini_id id) {
-    return (php_vesk_request_ini_long(id) & 0xFF) == 1;
-}
-
-const char *php_vesk_request_ini_str(php_vesk_request_ini_id id) {
-    zend_ini_entry *entry = php_vesk_request_ini_entry(id);
-    return entry != NULL && entry->value != NULL ? ZSTR_VAL(entry->value) : "";
+/* Entries of this module go away with it (a dl() in the CLI unloads it at
+ * request end): the cache must not outlive them. */
+void php_vesk_request_ini_forget(void) {
+    memset(&php_vesk_request_ini_found, 0, sizeof(php_vesk_request_ini_found));
 }

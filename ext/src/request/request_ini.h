@@ -2,8 +2,8 @@
  * INI entries read on every request, by number instead of by name.
  *
  * zend_ini_long() and zend_ini_string_ex() hash the entry's name on every
- * call; here each name is a string whose hash is worked out once per
- * process, so a read is one probe of the thread's INI table. The values are
+ * call and probe the INI table; here each record is found once per thread
+ * and kept, so a read is a load of the record's current value. The values are
  * exactly those of the by-name readers (the entry's current value), so a
  * per-directory or ini_set() value is seen at once as before.
  */
@@ -32,11 +32,45 @@ typedef enum {
 
 /* The entry, or null when no such entry is registered. */
 zend_ini_entry *php_vesk_request_ini_entry(php_vesk_request_ini_id id);
+/* Drops the thread's found entries (module shutdown). */
+void php_vesk_request_ini_forget(void);
+
 /* As zend_ini_long(name, len, 0): 0 when absent or unset. */
-zend_long php_vesk_request_ini_long(php_vesk_request_ini_id id);
+static inline zend_long php_vesk_request_ini_long(php_vesk_request_ini_id id) {
+    zend_ini_entry *entry = php_vesk_request_ini_entry(id);
+    if (entry == NULL || entry->value == NULL) {
+        return 0;
+    }
+    /* Plain decimal numbers (the on/off entries' one digit, a sample rate):
+     * strtol's answer without its cost. A leading 0 means octal to strtol
+     * with base 0, and signs, blanks, hex and overlong values go to it too. */
+    const char *value = ZSTR_VAL(entry->value);
+    size_t length = ZSTR_LEN(entry->value);
+    if (length == 1 && value[0] >= '0' && value[0] <= '9') {
+        return value[0] - '0';
+    }
+    if (length >= 2 && length <= 18 && value[0] >= '1' && value[0] <= '9') {
+        zend_long number = 0;
+        size_t i = 0;
+        for (; i < length && value[i] >= '0' && value[i] <= '9'; i++) {
+            number = number * 10 + (value[i] - '0');
+        }
+        if (i == length) {
+            return number;
+        }
+    }
+    return ZEND_STRTOL(value, NULL, 0);
+}
+
 /* As VESK_INI_ON: the low byte of the integer value is 1. */
-int php_vesk_request_ini_on(php_vesk_request_ini_id id);
+static inline int php_vesk_request_ini_on(php_vesk_request_ini_id id) {
+    return (php_vesk_request_ini_long(id) & 0xFF) == 1;
+}
+
 /* As VESK_INI_STR: never null, "" when absent or unset. */
-const char *php_vesk_request_ini_str(php_vesk_request_ini_id id);
+static inline const char *php_vesk_request_ini_str(php_vesk_request_ini_id id) {
+    zend_ini_entry *entry = php_vesk_request_ini_entry(id);
+    return entry != NULL && entry->value != NULL ? ZSTR_VAL(entry->value) : "";
+}
 
 #endif

@@ -41,45 +41,83 @@ static const php_vesk_server_key php_vesk_https_key = PHP_VESK_SERVER_KEY("HTTPS
 
 /*
  * The copy, for the request the thread is serving: the values, each with its
- * terminator, in one block on the request heap, read by number. Not a PHP
- * array: building a hash table that request code reads a handful of times
- * cost more than all the rest of an unsampled request.
+ * terminator, read by number. Not a PHP array: building a hash table that
+ * request code reads a handful of times cost more than all the rest of an
+ * unsampled request. Values of the usual size go to the thread's own block
+ * (the request heap's first allocation of a size class in a request costs
+ * several hundred instructions); longer ones to the request heap.
+ *
+ * Under php-fpm a request's FastCGI parameters stay as they are for the
+ * whole request, so a key is looked up there when first read ("pending"):
+ * an unsampled request reads about half of them. What the environment
+ * contributes is taken at request start, as before.
  */
+#define PHP_VESK_SERVER_INLINE 1024
+
 typedef struct {
     const char *value[PHP_VESK_SV_COUNT]; /* null: absent */
     size_t length[PHP_VESK_SV_COUNT];
-    char *block;
+    uint32_t pending; /* bit per key: still to be looked up in the parameters */
+    size_t used;      /* of inline_block */
+    uint32_t on_heap; /* bit per key: its copy is in heap[] */
+    char *heap[PHP_VESK_SV_COUNT];
+    char inline_block[PHP_VESK_SERVER_INLINE];
 } php_vesk_server_copy;
 
 ZEND_TLS php_vesk_server_copy php_vesk_server_vars;
 
-/* Copies the found values into one block (PROTOCOL points to a literal). */
-static void php_vesk_server_copy_fill(const char *const value[], const size_t length[]) {
-    size_t total = 0;
-    for (size_t i = 0; i < PHP_VESK_SV_PROTOCOL; i++) {
-        if (value[i] != NULL) {
-            total += length[i] + 1;
-        }
+/* Keeps a copy of value (PROTOCOL's literals are kept as they are). */
+static void php_vesk_server_keep(php_vesk_server_id id, const char *value, size_t length) {
+    php_vesk_server_copy *vars = &php_vesk_server_vars;
+    if (id == PHP_VESK_SV_PROTOCOL) {
+        vars->value[id] = value;
+        vars->length[id] = length;
+        return;
     }
-    char *cursor = total > 0 ? emalloc(total) : NULL;
-    php_vesk_server_vars.block = cursor;
-    for (size_t i = 0; i < PHP_VESK_SV_PROTOCOL; i++) {
-        if (value[i] != NULL) {
-            memcpy(cursor, value[i], length[i]);
-            cursor[length[i]] = '\0';
-            php_vesk_server_vars.value[i] = cursor;
-            php_vesk_server_vars.length[i] = length[i];
-            cursor += length[i] + 1;
+    char *copy;
+    if (length < sizeof(vars->inline_block) - vars->used) {
+        copy = vars->inline_block + vars->used;
+        vars->used += length + 1;
+    } else {
+        if (vars->on_heap & (1u << id)) {
+            efree(vars->heap[id]);
         }
+        copy = vars->heap[id] = emalloc(length + 1);
+        vars->on_heap |= 1u << id;
     }
-    php_vesk_server_vars.value[PHP_VESK_SV_PROTOCOL] = value[PHP_VESK_SV_PROTOCOL];
-    php_vesk_server_vars.length[PHP_VESK_SV_PROTOCOL] = length[PHP_VESK_SV_PROTOCOL];
+    memcpy(copy, value, length);
+    copy[length] = '\0';
+    vars->value[id] = copy;
+    vars->length[id] = length;
 }
 
 /* Any value of HTTPS counts, "off" included. */
-static void php_vesk_set_protocol(const char *value[], size_t length[], int https) {
-    value[PHP_VESK_SV_PROTOCOL] = https ? "https://" : "http://";
-    length[PHP_VESK_SV_PROTOCOL] = https ? sizeof("https://") - 1 : sizeof("http://") - 1;
+static void php_vesk_set_protocol(int https) {
+    if (https) {
+        php_vesk_server_keep(PHP_VESK_SV_PROTOCOL, "https://", sizeof("https://") - 1);
+    } else {
+        php_vesk_server_keep(PHP_VESK_SV_PROTOCOL, "http://", sizeof("http://") - 1);
+    }
+}
+
+static int php_vesk_sapi_is_fpm(void) {
+    return sapi_module.name != NULL && strcmp(sapi_module.name, "fpm-fcgi") == 0;
+}
+
+/* A request parameter beats the environment's value (kept at request
+ * start, if any). */
+static void php_vesk_server_resolve(php_vesk_server_id id) {
+    php_vesk_server_vars.pending &= ~(1u << id);
+    const php_vesk_server_key *key = PHP_VESK_SOURCE_KEY(id);
+    const char *found = sapi_module.getenv(key->name, key->length);
+    if (found == NULL) {
+        return;
+    }
+    if (id == PHP_VESK_SV_PROTOCOL) {
+        php_vesk_set_protocol(1);
+    } else {
+        php_vesk_server_keep(id, found, strlen(found));
+    }
 }
 
 /*
@@ -122,8 +160,8 @@ static int php_vesk_server_from_cgi(void) {
 /* The environment's values of the source keys: of each name the first entry
  * (what getenv() finds) and the last (what _SERVER keeps). The caller holds
  * the environment lock. */
-static void php_vesk_scan_environment(const char *first[], const char *last[]) {
-    for (char **env = environ; env != NULL && *env != NULL; env++) {
+static void php_vesk_scan_environment(char **env, const char *first[], const char *last[]) {
+    for (; env != NULL && *env != NULL; env++) {
         const char *entry = *env;
         /* Every key begins with H, R or S: most entries stop here. */
         if (entry[0] != 'H' && entry[0] != 'R' && entry[0] != 'S') {
@@ -143,36 +181,82 @@ static void php_vesk_scan_environment(const char *first[], const char *last[]) {
     }
 }
 
+/*
+ * The scan of the environment, kept for as long as the environment is the
+ * same: the same array holding the same entry pointers. setenv(), putenv()
+ * and unsetenv() change the array (a new entry pointer, or entries moved);
+ * PHP's putenv() hands over a string of its own and takes it back at request
+ * end, before the next request compares. An environment too large to keep
+ * is scanned every time.
+ */
+#define PHP_VESK_ENV_KEPT 256
+
+typedef struct {
+    char **array;
+    size_t count;
+    char *entry[PHP_VESK_ENV_KEPT];
+    const char *first[PHP_VESK_SV_COUNT], *last[PHP_VESK_SV_COUNT];
+} php_vesk_env_scan;
+
+ZEND_TLS php_vesk_env_scan php_vesk_env_seen;
+
+static int php_vesk_environment_unchanged(const php_vesk_env_scan *seen) {
+    if (seen->array != environ || seen->array == NULL) {
+        return 0;
+    }
+    return memcmp(environ, seen->entry, seen->count * sizeof(char *)) == 0 && environ[seen->count] == NULL;
+}
+
+static void php_vesk_environment_sources(const char *first[], const char *last[]) {
+    php_vesk_env_scan *seen = &php_vesk_env_seen;
+    if (!php_vesk_environment_unchanged(seen)) {
+        memset(seen->first, 0, sizeof(seen->first));
+        memset(seen->last, 0, sizeof(seen->last));
+        php_vesk_scan_environment(environ, seen->first, seen->last);
+        size_t count = 0;
+        while (environ != NULL && environ[count] != NULL && count < PHP_VESK_ENV_KEPT) {
+            seen->entry[count] = environ[count];
+            count++;
+        }
+        int kept = environ != NULL && environ[count] == NULL;
+        seen->array = kept ? environ : NULL;
+        seen->count = kept ? count : 0;
+    }
+    memcpy(first, seen->first, sizeof(seen->first));
+    memcpy(last, seen->last, sizeof(seen->last));
+}
+
 static void php_vesk_copy_from_cgi(void) {
     const char *first[PHP_VESK_SV_COUNT] = {NULL}, *last[PHP_VESK_SV_COUNT] = {NULL};
-    const char *value[PHP_VESK_SV_COUNT] = {NULL};
-    size_t length[PHP_VESK_SV_COUNT] = {0};
     tsrm_env_lock();
-    php_vesk_scan_environment(first, last);
+    php_vesk_environment_sources(first, last);
+    /* Copied before the environment may change. */
     for (size_t i = 0; i < PHP_VESK_SV_COUNT; i++) {
-        const php_vesk_server_key *key = PHP_VESK_SOURCE_KEY(i);
-        /* A request parameter beats the environment. php-cgi's hook falls
-         * back on getenv(), which answers with the first entry of a name
-         * where _SERVER holds the last. */
-        const char *found = sapi_module.getenv(key->name, key->length);
-        if (found == NULL || found == first[i]) {
-            found = last[i];
-        }
         if (i == PHP_VESK_SV_PROTOCOL) {
-            php_vesk_set_protocol(value, length, found != NULL);
-        } else if (found != NULL) {
-            value[i] = found;
-            length[i] = strlen(found);
+            php_vesk_set_protocol(last[i] != NULL);
+        } else if (last[i] != NULL) {
+            php_vesk_server_keep(i, last[i], strlen(last[i]));
         }
     }
-    /* Copied before the environment may change. */
-    php_vesk_server_copy_fill(value, length);
+    if (php_vesk_sapi_is_fpm()) {
+        /* php-fpm's hook answers from the request's parameters only. */
+        php_vesk_server_vars.pending = (1u << PHP_VESK_SV_COUNT) - 1;
+    } else {
+        /* php-cgi's hook falls back on getenv(), which answers with the
+         * first entry of a name where _SERVER holds the last: such an answer
+         * is no parameter. Looked up now, under the lock. */
+        for (size_t i = 0; i < PHP_VESK_SV_COUNT; i++) {
+            const php_vesk_server_key *key = PHP_VESK_SOURCE_KEY(i);
+            const char *found = sapi_module.getenv(key->name, key->length);
+            if (found != NULL && found != first[i]) {
+                php_vesk_server_resolve(i);
+            }
+        }
+    }
     tsrm_env_unlock();
 }
 
 static void php_vesk_copy_from_server(void) {
-    const char *value[PHP_VESK_SV_COUNT] = {NULL};
-    size_t length[PHP_VESK_SV_COUNT] = {0};
     zval *server = zend_hash_str_find(&EG(symbol_table), ZEND_STRL("_SERVER"));
     if (server != NULL) {
         ZVAL_DEREF(server);
@@ -186,12 +270,10 @@ static void php_vesk_copy_from_server(void) {
         const php_vesk_server_key *key = &php_vesk_server_keys[i];
         zval *found = zend_hash_str_find_deref(vars, key->name, key->length);
         if (found != NULL && Z_TYPE_P(found) == IS_STRING) {
-            value[i] = Z_STRVAL_P(found);
-            length[i] = Z_STRLEN_P(found);
+            php_vesk_server_keep(i, Z_STRVAL_P(found), Z_STRLEN_P(found));
         }
     }
-    php_vesk_set_protocol(value, length, zend_hash_str_exists(vars, ZEND_STRL("HTTPS")));
-    php_vesk_server_copy_fill(value, length);
+    php_vesk_set_protocol(zend_hash_str_exists(vars, ZEND_STRL("HTTPS")));
 }
 
 int php_vesk_cache_server_globals(void) {
@@ -218,20 +300,30 @@ int php_vesk_cache_server_globals(void) {
 }
 
 void php_vesk_server_cache_clear(void) {
-    if (php_vesk_server_vars.block != NULL) {
-        efree(php_vesk_server_vars.block);
+    php_vesk_server_copy *vars = &php_vesk_server_vars;
+    for (size_t i = 0; vars->on_heap != 0; i++) {
+        if (vars->on_heap & (1u << i)) {
+            efree(vars->heap[i]);
+            vars->on_heap &= ~(1u << i);
+        }
     }
-    memset(&php_vesk_server_vars, 0, sizeof(php_vesk_server_vars));
+    memset(vars->value, 0, sizeof(vars->value));
+    memset(vars->length, 0, sizeof(vars->length));
+    vars->pending = 0;
+    vars->used = 0;
 }
 
 const char *php_vesk_server_value(php_vesk_server_id id) {
+    if (UNEXPECTED(php_vesk_server_vars.pending & (1u << id))) {
+        php_vesk_server_resolve(id);
+    }
     return php_vesk_server_vars.value[id];
 }
 
 const char *php_vesk_server_str(const char *key, size_t key_len) {
     for (size_t i = 0; i < PHP_VESK_SV_COUNT; i++) {
         if (php_vesk_server_keys[i].length == key_len && memcmp(php_vesk_server_keys[i].name, key, key_len) == 0) {
-            return php_vesk_server_vars.value[i];
+            return php_vesk_server_value(i);
         }
     }
     return NULL;
@@ -240,7 +332,7 @@ const char *php_vesk_server_str(const char *key, size_t key_len) {
 void php_vesk_server_cache_array(zval *out) {
     array_init_size(out, PHP_VESK_SV_COUNT);
     for (size_t i = 0; i < PHP_VESK_SV_COUNT; i++) {
-        if (php_vesk_server_vars.value[i] != NULL) {
+        if (php_vesk_server_value(i) != NULL) {
             add_assoc_stringl_ex(out, php_vesk_server_keys[i].name, php_vesk_server_keys[i].length,
                                  php_vesk_server_vars.value[i], php_vesk_server_vars.length[i]);
         }

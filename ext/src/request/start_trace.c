@@ -13,6 +13,7 @@
 
 #include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
+#include "src/request/response_header.h"
 #include "src/request/trace_options.h"
 #include "src/wrap/wrap.h"
 
@@ -20,6 +21,9 @@
 #define PHP_VESK_ENTRY_KEYS 13
 /* Records the exit event adds behind the caller's. */
 #define PHP_VESK_EXIT_KEYS 3
+/* Lists of up to this many records live on the stack: the request heap's
+ * first block of a size in a request costs hundreds of instructions. */
+#define PHP_VESK_STACK_KEYS 32
 
 static int php_vesk_sapi_is_cli(void) {
     return sapi_module.name != NULL && strcmp(sapi_module.name, "cli") == 0;
@@ -28,19 +32,7 @@ static int php_vesk_sapi_is_cli(void) {
 /* Adds "X-Trace: <id>" to the response; an id that cannot be written is left
  * out. */
 static void php_vesk_send_xtrace_header(const vesk_metadata_t *md) {
-    char id[VESK_MAX_METADATA_STRING_LEN];
-    if (vesk_metadata_tostr(md, id, sizeof(id)) != 0) {
-        return;
-    }
-    char line[sizeof("X-Trace: ") + VESK_MAX_METADATA_STRING_LEN];
-    size_t id_len = strnlen(id, sizeof(id) - 1);
-    memcpy(line, "X-Trace: ", sizeof("X-Trace: ") - 1);
-    memcpy(line + sizeof("X-Trace: ") - 1, id, id_len);
-    line[sizeof("X-Trace: ") - 1 + id_len] = '\0';
-    sapi_header_line header = {0};
-    header.line = line;
-    header.line_len = sizeof("X-Trace: ") - 1 + id_len;
-    sapi_header_op(SAPI_HEADER_ADD, &header);
+    php_vesk_add_xtrace_header(md);
 }
 
 /* The process-wide mode and rate from INI, written anew by every request (in
@@ -144,7 +136,9 @@ static void php_vesk_sampled_path(const char *layer, const vesk_tracing_decision
     if (kvs == NULL || kv_count < 0) {
         kv_count = 0;
     }
-    php_vesk_kv *list = safe_emalloc((size_t)(kv_count + custom_count + PHP_VESK_ENTRY_KEYS), sizeof(*list), 0);
+    php_vesk_kv stack_list[PHP_VESK_STACK_KEYS];
+    size_t list_size = (size_t)kv_count + (size_t)custom_count + PHP_VESK_ENTRY_KEYS;
+    php_vesk_kv *list = list_size <= PHP_VESK_STACK_KEYS ? stack_list : safe_emalloc(list_size, sizeof(*list), 0);
     int n = 0;
     for (int i = 0; i < kv_count && kvs[i].type != PHP_VESK_KV_END; i++) {
         list[n++] = kvs[i];
@@ -195,7 +189,9 @@ static void php_vesk_sampled_path(const char *layer, const vesk_tracing_decision
         }
     }
 
-    efree(list);
+    if (list != stack_list) {
+        efree(list);
+    }
     if (VESK_G(context_override) != NULL) {
         efree(VESK_G(context_override));
         VESK_G(context_override) = NULL;
@@ -274,7 +270,9 @@ void php_vesk_end_trace(const php_vesk_kv *kvs, int kv_count, int event_flags) {
         if (kvs == NULL || kv_count < 0) {
             kv_count = 0;
         }
-        php_vesk_kv *list = safe_emalloc((size_t)(kv_count + PHP_VESK_EXIT_KEYS + 1), sizeof(*list), 0);
+        php_vesk_kv stack_list[PHP_VESK_STACK_KEYS];
+        size_t list_size = (size_t)kv_count + PHP_VESK_EXIT_KEYS + 1;
+        php_vesk_kv *list = list_size <= PHP_VESK_STACK_KEYS ? stack_list : safe_emalloc(list_size, sizeof(*list), 0);
         int n = 0;
         for (int i = 0; i < kv_count && kvs[i].type != PHP_VESK_KV_END; i++) {
             list[n++] = kvs[i];
@@ -296,7 +294,9 @@ void php_vesk_end_trace(const php_vesk_kv *kvs, int kv_count, int event_flags) {
         php_vesk_trace_event(VESK_G(layer_name), "exit", list, event_flags);
         php_vesk_drop_exit_event();
 
-        efree(list);
+        if (list != stack_list) {
+            efree(list);
+        }
         if (VESK_G(layer_name) != NULL) {
             efree(VESK_G(layer_name));
             VESK_G(layer_name) = NULL;
