@@ -1,5 +1,6 @@
 // Append-only BSON writer; lengths of sub-documents are patched in place.
 #include "corvidine/bson.h"
+#include "corvidine/utf8.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -65,12 +66,20 @@ bool ensure_room(vesk_bson_buffer *b, size_t needed) {
     return true;
 }
 
+// Keys and strings must be UTF-8, or a strict reader refuses the whole
+// document: bytes that are not part of a valid sequence become '?' where
+// they were copied to. `at` has room for len + 1 bytes (the NUL that follows).
+void repair_utf8(char *at, size_t len) {
+    if (vesk_utf8_valid_prefix(at, len) != len) vesk_utf8_sanitize(at, len, at);
+}
+
 // Type byte and key; room for `payload` more bytes is ensured first.
 bool append_head(vesk_bson_buffer *b, char type, const char *key, size_t payload) {
     size_t key_len = strlen(key) + 1;
     if (!ensure_room(b, 1 + key_len + payload)) return false;
     *b->cur++ = type;
     memcpy(b->cur, key, key_len);
+    repair_utf8(b->cur, key_len - 1);
     b->cur += key_len;
     return true;
 }
@@ -80,6 +89,7 @@ vesk_bson_buffer *append_string_bytes(vesk_bson_buffer *b, const char *key, cons
     put_int32(b->cur, static_cast<int32_t>(len + 1));
     b->cur += 4;
     memcpy(b->cur, value, len);
+    repair_utf8(b->cur, len);
     b->cur += len;
     *b->cur++ = '\0';
     return b;

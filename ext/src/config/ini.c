@@ -100,7 +100,7 @@ const char *php_vesk_ini_str(const char *name, size_t len) {
 
 int php_vesk_cli_off(void) {
     return sapi_module.name != NULL && strcmp(sapi_module.name, "cli") == 0 &&
-           !VESK_INI_ON("corvidine.enable_cli");
+           VESK_INI_OFF("corvidine.enable_cli");
 }
 
 int php_vesk_config_valid(void) {

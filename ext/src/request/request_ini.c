@@ -80,6 +80,10 @@ int php_vesk_request_ini_on(php_vesk_request_ini_id id) {
     return (php_vesk_request_ini_long(id) & 0xFF) == 1;
 }
 
+int php_vesk_request_ini_off(php_vesk_request_ini_id id) {
+    return (php_vesk_request_ini_long(id) & 0xFF) == 0;
+}
+
 const char *php_vesk_request_ini_str(php_vesk_request_ini_id id) {
     zend_ini_entry *entry = php_vesk_request_ini_entry(id);
     return entry != NULL && entry->value != NULL ? ZSTR_VAL(entry->value) : "";

@@ -36,6 +36,8 @@ zend_ini_entry *php_vesk_request_ini_entry(php_vesk_request_ini_id id);
 zend_long php_vesk_request_ini_long(php_vesk_request_ini_id id);
 /* As VESK_INI_ON: the low byte of the integer value is 1. */
 int php_vesk_request_ini_on(php_vesk_request_ini_id id);
+/* As VESK_INI_OFF: the low byte of the integer value is 0. */
+int php_vesk_request_ini_off(php_vesk_request_ini_id id);
 /* As VESK_INI_STR: never null, "" when absent or unset. */
 const char *php_vesk_request_ini_str(php_vesk_request_ini_id id);
 

@@ -80,21 +80,20 @@ static const char *php_vesk_incoming_xtrace(const char *xtrace) {
     return configured[0] != '\0' ? configured : NULL;
 }
 
-/* Sets the context from the incoming identifier. An identifier that does not
- * parse, names no task (all-zero task id) or has another version is
- * unusable: the request starts a new trace with random ids and a sampled
- * flag instead, with no edge, and the identifier is forgotten. Returns the
- * identifier still in use, or null. */
+/* Sets the context from the incoming identifier. An identifier that parses
+ * takes its place in the context whatever its version and task id: the
+ * decision treats a version other than 2 as absent, and an unsampled one is
+ * answered with itself. One that does not parse is forgotten: the request
+ * starts a new trace with random ids and a sampled flag, with no edge.
+ * Returns the identifier still in use, or null. */
 static const char *php_vesk_set_context(const char *incoming, int *event_flags) {
     vesk_metadata_t md;
     vesk_metadata_init(&md);
-    if (incoming != NULL && vesk_metadata_fromstr(&md, incoming, strlen(incoming)) == 0 &&
-        md.version == VESK_XTRACE_VERSION && vesk_metadata_is_valid(&md)) {
+    if (incoming != NULL && vesk_metadata_fromstr(&md, incoming, strlen(incoming)) == 0) {
         vesk_context_set(&md);
         return incoming;
     }
-    /* Fresh lengths and flags: the thread's record may hold what an earlier
-     * request's identifier left there. */
+    /* Fresh lengths and flags: a failed parse may have left some behind. */
     vesk_metadata_init(&md);
     vesk_metadata_random(&md);
     md.flags |= VESK_XTRACE_FLAG_SAMPLED;
