@@ -1,10 +1,9 @@
 """Real servers for the integration tests: nginx + php-fpm, PHP's built-in
 server and the CLI, each with the extension loaded and the file reporter
-writing into a private directory; curl as the client; Debian's python3-bson
-as the reader of what the extension wrote.
-
-Everything listens on free loopback ports and lives in a temporary
-directory that is removed when the server stops.
+writing into a private directory; curl and a FastCGI client as clients;
+Debian's python3-bson as the reader of what the extension wrote. Everything
+listens on free loopback ports and lives in a temporary directory that is
+removed when the server stops.
 """
 import glob
 import hashlib
@@ -14,6 +13,7 @@ import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -181,7 +181,7 @@ class FpmServer(Server):
         if self.php.fpm is None:
             raise RuntimeError("this PHP has no php-fpm")
         self.port = free_port()
-        fpm_port = free_port()
+        self.fpm_port = fpm_port = free_port()
         for sub in ("body", "fastcgi", "proxy", "uwsgi", "scgi"):
             os.makedirs(os.path.join(self.dir, "tmp", sub), exist_ok=True)
         fpm_conf = os.path.join(self.dir, "fpm.conf")
@@ -282,6 +282,35 @@ def curl(url, headers=None, timeout=10):
     return Response(status, parsed, result.stderr)
 
 
+def fcgi_request(port, params):
+    """One FastCGI request straight to php-fpm, with parameters no web server
+    in front would send; returns what the worker wrote to stdout."""
+    def record(kind, content):
+        return struct.pack(">BBHHBB", 1, kind, 1, len(content), 0, 0) + content
+
+    def pair(name, value):
+        name, value = [v if isinstance(v, bytes) else v.encode() for v in (name, value)]
+        return b"".join(struct.pack(">B", n) if n < 128 else struct.pack(">I", n | 0x80000000)
+                        for n in (len(name), len(value))) + name + value
+    body = b"".join(pair(k, v) for k, v in params.items())
+    data, out = b"", b""
+    with socket.create_connection(("127.0.0.1", port), timeout=10) as sock:
+        sock.sendall(record(1, struct.pack(">HB5x", 1, 0)) + record(4, body) + record(4, b"") + record(5, b""))
+        while True:
+            chunk = sock.recv(65536)
+            data += chunk
+            while len(data) >= 8:
+                _, kind, _, length, padding, _ = struct.unpack(">BBHHBB", data[:8])
+                if len(data) < 8 + length + padding:
+                    break
+                out += data[8:8 + length] if kind == 6 else b""
+                data = data[8 + length + padding:]
+                if kind == 3:
+                    return out
+            if not chunk:
+                return out
+
+
 def signature(options):
     return hmac.new(SIGNATURE_KEY, options.encode(), hashlib.sha1).hexdigest()
 
@@ -347,22 +376,14 @@ http {{
         root {www};
         location ~ \\.php$ {{
             fastcgi_pass 127.0.0.1:{fpm_port};
-            fastcgi_param SCRIPT_FILENAME $document_root$fastcgi_script_name;
-            fastcgi_param QUERY_STRING $query_string;
-            fastcgi_param REQUEST_METHOD $request_method;
-            fastcgi_param CONTENT_TYPE $content_type;
-            fastcgi_param CONTENT_LENGTH $content_length;
-            fastcgi_param SCRIPT_NAME $fastcgi_script_name;
-            fastcgi_param REQUEST_URI $request_uri;
-            fastcgi_param DOCUMENT_URI $document_uri;
-            fastcgi_param DOCUMENT_ROOT $document_root;
-            fastcgi_param SERVER_PROTOCOL $server_protocol;
-            fastcgi_param GATEWAY_INTERFACE CGI/1.1;
-            fastcgi_param SERVER_SOFTWARE nginx;
-            fastcgi_param REMOTE_ADDR $remote_addr;
-            fastcgi_param REMOTE_PORT $remote_port;
-            fastcgi_param SERVER_ADDR $server_addr;
-            fastcgi_param SERVER_PORT $server_port;
+            fastcgi_param SCRIPT_FILENAME $document_root$fastcgi_script_name; fastcgi_param SCRIPT_NAME $fastcgi_script_name;
+            fastcgi_param QUERY_STRING $query_string; fastcgi_param REQUEST_METHOD $request_method;
+            fastcgi_param CONTENT_TYPE $content_type; fastcgi_param CONTENT_LENGTH $content_length;
+            fastcgi_param REQUEST_URI $request_uri; fastcgi_param DOCUMENT_URI $document_uri;
+            fastcgi_param DOCUMENT_ROOT $document_root; fastcgi_param SERVER_PROTOCOL $server_protocol;
+            fastcgi_param GATEWAY_INTERFACE CGI/1.1; fastcgi_param SERVER_SOFTWARE nginx;
+            fastcgi_param REMOTE_ADDR $remote_addr; fastcgi_param REMOTE_PORT $remote_port;
+            fastcgi_param SERVER_ADDR $server_addr; fastcgi_param SERVER_PORT $server_port;
             fastcgi_param SERVER_NAME $server_name;
         }}
     }}

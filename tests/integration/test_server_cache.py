@@ -11,8 +11,6 @@ REQUEST_URI), and its process environment is chosen by the case.
 import json
 import os
 import shutil
-import socket
-import struct
 import subprocess
 import tempfile
 import unittest
@@ -56,43 +54,6 @@ def clean_environment(extra):
     return env
 
 
-def fcgi_record(kind, content):
-    return struct.pack(">BBHHBB", 1, kind, 1, len(content), 0, 0) + content
-
-
-def fcgi_pair(name, value):
-    name, value = name.encode(), value.encode()
-    head = b""
-    for length in (len(name), len(value)):
-        head += struct.pack(">B", length) if length < 128 else struct.pack(">I", length | 0x80000000)
-    return head + name + value
-
-
-def fcgi_get(port, params):
-    """Sends one request; returns what the worker wrote to stdout."""
-    body = b"".join(fcgi_pair(k, v) for k, v in params.items())
-    message = (fcgi_record(1, struct.pack(">HB5x", 1, 0)) + fcgi_record(4, body) + fcgi_record(4, b"") +
-               fcgi_record(5, b""))
-    data, out = b"", b""
-    with socket.create_connection(("127.0.0.1", port), timeout=10) as sock:
-        sock.sendall(message)
-        while True:
-            chunk = sock.recv(65536)
-            if not chunk:
-                break
-            data += chunk
-            while len(data) >= 8:
-                _, kind, _, length, padding, _ = struct.unpack(">BBHHBB", data[:8])
-                if len(data) < 8 + length + padding:
-                    break
-                if kind == 6:
-                    out += data[8:8 + length]
-                data = data[8 + length + padding:]
-                if kind == 3:
-                    return out.decode("utf-8")
-    return out.decode("utf-8")
-
-
 def page_result(output):
     """The page's JSON behind the CGI headers."""
     head, _, body = output.partition("\r\n\r\n")
@@ -122,7 +83,7 @@ class Fpm:
         harness.wait_for_port(self.port, self.process)
 
     def get(self, params):
-        return page_result(fcgi_get(self.port, params))
+        return page_result(harness.fcgi_request(self.port, params).decode())
 
     def stop(self):
         self.process.terminate()

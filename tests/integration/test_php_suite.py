@@ -1,0 +1,63 @@
+"""A sample of PHP's own test suite (.phpt of Debian's php8.2 source package)
+run with run-tests.php twice, without the extension and with it loaded and
+tracing every CLI run: each test must end the same way. The agent must not
+change what PHP prints, also where variables_order has no "S" or opcache
+preloads a script in a request of its own.
+
+The source tree is the one tools/php-zts/build.sh unpacks; when it is not
+there it is fetched with apt-get source (PHP_SRC names another tree).
+"""
+import glob
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+import harness
+
+SRC_CACHE = "/opt/corvidine/src/php8.2-zts"
+SAMPLE = ["tests/basic", "tests/lang", "tests/output", "tests/func", "Zend/tests/globals_00*.phpt",
+          "ext/opcache/tests/preload*.phpt", "ext/standard/tests/general_functions/getopt*.phpt"]
+RESULT = re.compile(r"(PASS|FAIL|SKIP|BORK|WARN|LEAK|XFAIL|XLEAK) .*?\[([^\]]+\.phpt)\]")
+
+
+def php_source():
+    trees = [os.environ.get("PHP_SRC", "")] + sorted(glob.glob(SRC_CACHE + "/php8.2-8.2.*"), reverse=True)
+    trees = [t for t in trees if os.path.isfile(os.path.join(t, "run-tests.php"))]
+    if trees:
+        return trees[0]
+    fetch = tempfile.mkdtemp(prefix="corvidine-php-src-")
+    if subprocess.run(["apt-get", "source", "-q", "php8.2"], cwd=fetch, capture_output=True).returncode == 0:
+        trees = glob.glob(fetch + "/php8.2-8.2.*/run-tests.php")
+    return os.path.dirname(trees[0]) if trees else None
+
+
+class PhpTestSuite(unittest.TestCase):
+    def run_suite(self, src, extra, env):
+        php = harness.CURRENT_PHP.cli
+        tests = [p for pattern in SAMPLE for p in sorted(glob.glob(os.path.join(src, pattern)))]
+        result = subprocess.run([php, "-n", "run-tests.php", "-p", php, "-n", "-q", "--offline", "--no-color", "-j2"] +
+                                extra + [os.path.relpath(t, src) for t in tests],
+                                cwd=src, env=env, capture_output=True, timeout=900)
+        return dict((name, outcome) for outcome, name in RESULT.findall(result.stdout.decode(errors="replace")))
+
+    def test_php_tests_end_alike_with_the_agent(self):
+        src = php_source()
+        if src is None:
+            self.skipTest("no php8.2 source tree (apt-get source php8.2 failed)")
+        work = tempfile.mkdtemp(prefix="corvidine-it-phpt-")
+        self.addCleanup(shutil.rmtree, work, True)
+        traces = harness.Traces(work)
+        env = dict(os.environ, CORVIDINE_REPORTER="file", CORVIDINE_COLLECTOR=traces.prefix)
+        without = self.run_suite(src, [], env)
+        agent = ["-d", "extension=" + harness.CURRENT_PHP.module, "-d", "corvidine.enable_cli=1",
+                 "-d", "corvidine.max_ready_wait_time=-1"]
+        with_agent = self.run_suite(src, agent, env)
+        self.assertGreater(list(without.values()).count("PASS"), 200, without)
+        changed = {name: (without.get(name), with_agent.get(name))
+                   for name in set(without) | set(with_agent) if without.get(name) != with_agent.get(name)}
+        self.assertEqual({}, changed)
+        # The agent did run, and traced.
+        self.assertGreater(len([e for e in traces.events() if e["Label"] == "entry"]), 200)
