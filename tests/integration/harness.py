@@ -19,8 +19,6 @@ import sys
 import tempfile
 import time
 
-from bson.int64 import Int64
-
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(os.path.dirname(HERE), "support"))
 import bson_tools  # noqa: E402
@@ -74,37 +72,43 @@ def wait_for_port(port, process, timeout=10.0):
     raise RuntimeError("nothing listens on port %d" % port)
 
 
-def decode_documents(path, lenient=False):
-    """All documents of a file. lenient: strings that are not UTF-8 are
-    decoded with replacement characters instead of failing."""
-    return bson_tools.decode_file(path, "replace" if lenient else "strict")
+def read_text(path):
+    try:
+        with open(path, errors="replace") as handle:
+            return handle.read()
+    except FileNotFoundError:
+        return ""
+
+
+def write_text(path, text):
+    with open(path, "w") as handle:
+        handle.write(text)
+    return path
 
 
 class Traces:
-    """The documents the file reporter wrote: one file per process."""
+    """The documents the file reporter wrote (one file per process), decoded
+    strictly: keys and strings must be UTF-8."""
 
     def __init__(self, directory):
         self.directory = directory
         self.prefix = os.path.join(directory, "trace")
 
-    def documents(self, lenient=False):
-        documents = []
-        for path in sorted(glob.glob(self.prefix + "*")):
-            documents.extend(decode_documents(path, lenient))
-        return documents
+    def documents(self):
+        return [d for path in sorted(glob.glob(self.prefix + "*")) for d in bson_tools.decode_file(path)]
 
-    def events(self, lenient=False):
-        return [d for d in self.documents(lenient) if "Label" in d and not d.get("__Init")]
+    def events(self):
+        return [d for d in self.documents() if "Label" in d and not d.get("__Init")]
 
     def by_task(self, task):
         return [e for e in self.events() if e["X-Trace"][2:42] == task]
 
-    def wait_trace(self, predicate, timeout=5.0, lenient=False):
+    def wait_trace(self, predicate, timeout=5.0):
         """The entry and exit event of the first trace whose entry satisfies
         predicate, waiting for the exit event to be written."""
         deadline = time.time() + timeout
         while True:
-            events = self.events(lenient)
+            events = self.events()
             for entry in events:
                 if entry.get("Label") == "entry" and predicate(entry):
                     task = entry["X-Trace"][2:42]
@@ -137,17 +141,11 @@ class Server:
         return "http://127.0.0.1:%d%s" % (self.port, path)
 
     def php_errors(self):
-        try:
-            with open(self.php_log, errors="replace") as handle:
-                return handle.read()
-        except FileNotFoundError:
-            return ""
+        return read_text(self.php_log)
 
-    def stop(self, keep=None):
-        """Stops the processes and removes the directory, unless keep (by
-        default: CORVIDINE_IT_KEEP=1) asks to leave it for a look."""
-        if keep is None:
-            keep = os.environ.get("CORVIDINE_IT_KEEP") == "1"
+    def stop(self):
+        """Stops the processes and removes the directory, unless
+        CORVIDINE_IT_KEEP=1 asks to leave it for a look."""
         for process in reversed(self.processes):
             if process.poll() is None:
                 process.send_signal(signal.SIGTERM)
@@ -157,7 +155,7 @@ class Server:
                     process.kill()
                     process.wait()
         self.processes = []
-        if not keep:
+        if os.environ.get("CORVIDINE_IT_KEEP") != "1":
             shutil.rmtree(self.dir, ignore_errors=True)
 
     def __enter__(self):
@@ -175,7 +173,6 @@ class FpmServer(Server):
         super().__init__(php, ini, env, load_module)
         self.children = children
         self.fpm_prefix = fpm_prefix or []
-        self.fpm_log = os.path.join(self.dir, "fpm.log")
 
     def start(self):
         if self.php.fpm is None:
@@ -184,13 +181,10 @@ class FpmServer(Server):
         self.fpm_port = fpm_port = free_port()
         for sub in ("body", "fastcgi", "proxy", "uwsgi", "scgi"):
             os.makedirs(os.path.join(self.dir, "tmp", sub), exist_ok=True)
-        fpm_conf = os.path.join(self.dir, "fpm.conf")
-        with open(fpm_conf, "w") as handle:
-            handle.write(FPM_CONF.format(dir=self.dir, port=fpm_port, children=self.children))
-        nginx_conf = os.path.join(self.dir, "nginx.conf")
-        with open(nginx_conf, "w") as handle:
-            handle.write(NGINX_CONF.format(dir=self.dir, port=self.port, fpm_port=fpm_port, www=WWW))
-
+        fpm_conf = write_text(os.path.join(self.dir, "fpm.conf"),
+                              FPM_CONF.format(dir=self.dir, port=fpm_port, children=self.children))
+        nginx_conf = write_text(os.path.join(self.dir, "nginx.conf"),
+                                NGINX_CONF.format(dir=self.dir, port=self.port, fpm_port=fpm_port, www=WWW))
         fpm = subprocess.Popen(self.fpm_prefix + [self.php.fpm, "-F", "-R", "-y", fpm_conf] +
                                self.php.ini_args(self.ini, self.php_log, self.load_module),
                                env=self.env, stdout=subprocess.DEVNULL,
@@ -203,19 +197,10 @@ class FpmServer(Server):
         wait_for_port(self.port, nginx)
         return self
 
-    def fpm_log_text(self):
-        text = ""
-        for name in ("fpm.log", "fpm.stderr"):
-            try:
-                with open(os.path.join(self.dir, name), errors="replace") as handle:
-                    text += handle.read()
-            except FileNotFoundError:
-                pass
-        return text
-
     def crashes(self):
         """Workers the fpm master saw die of a signal."""
-        return re.findall(r"exited on signal \d+.*", self.fpm_log_text())
+        text = read_text(os.path.join(self.dir, "fpm.log")) + read_text(os.path.join(self.dir, "fpm.stderr"))
+        return re.findall(r"exited on signal \d+.*", text)
 
 
 class BuiltinServer(Server):
@@ -244,16 +229,10 @@ class BuiltinServer(Server):
 
 class Response:
     def __init__(self, status, headers, body):
-        self.status = status
-        self.headers = headers  # lower-case name -> list of values
-        self.body = body
+        self.status, self.headers, self.body = status, headers, body  # headers: lower-case name -> values
 
     def header(self, name):
-        values = self.headers.get(name.lower(), [])
-        return values[0] if values else None
-
-    def header_all(self, name):
-        return self.headers.get(name.lower(), [])
+        return (self.headers.get(name.lower()) or [None])[0]
 
 
 def curl(url, headers=None, timeout=10):
@@ -337,16 +316,11 @@ def run_cli(php, script, ini=None, env=None, args=None, directory=None):
     return result, traces, directory
 
 
-def is_int64(value):
-    return isinstance(value, Int64)
-
-
 FPM_CONF = """[global]
 pid = {dir}/fpm.pid
 error_log = {dir}/fpm.log
 log_level = notice
 daemonize = no
-
 [www]
 listen = 127.0.0.1:{port}
 pm = static
@@ -365,11 +339,8 @@ pid {dir}/nginx.pid;
 events {{ worker_connections 1024; }}
 http {{
     access_log off;
-    client_body_temp_path {dir}/tmp/body;
-    fastcgi_temp_path {dir}/tmp/fastcgi;
-    proxy_temp_path {dir}/tmp/proxy;
-    uwsgi_temp_path {dir}/tmp/uwsgi;
-    scgi_temp_path {dir}/tmp/scgi;
+    client_body_temp_path {dir}/tmp/body; fastcgi_temp_path {dir}/tmp/fastcgi; proxy_temp_path {dir}/tmp/proxy;
+    uwsgi_temp_path {dir}/tmp/uwsgi; scgi_temp_path {dir}/tmp/scgi;
     server {{
         listen 127.0.0.1:{port};
         server_name localhost;

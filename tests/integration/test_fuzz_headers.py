@@ -33,11 +33,6 @@ SEED = int(os.environ.get("CORVIDINE_FUZZ_SEED", str(int(time.time()))))
 HEX = "0123456789ABCDEF"
 
 
-def valid_xtrace(rng, flags=None):
-    body = "".join(rng.choice(HEX) for _ in range(56))
-    return "2B" + body + (flags if flags is not None else rng.choice(["00", "01"]))
-
-
 def parsed(value):
     """The binary form the extension reads from an X-Trace value, or None
     when it does not parse: even length up to 1024, digits from "0" to "F"
@@ -62,92 +57,47 @@ def hostile_bytes(rng, length):
     return bytes(rng.choice(alphabet) for _ in range(length)).strip() or b"x"
 
 
-def xtrace_value(rng):
-    kind = rng.randrange(12)
-    good = valid_xtrace(rng)
-    if kind == 0:
-        return good
-    if kind == 1:
-        return good.lower()
-    if kind == 2:
-        return good[: rng.randrange(0, 60)]
-    if kind == 3:
-        return good + "".join(rng.choice(HEX) for _ in range(rng.choice([1, 2, 4, 64, 1000])))
-    if kind == 4:
-        return "2B" + "0" * 40 + good[42:]
-    if kind == 5:
-        return rng.choice(["1B", "3B", "2A", "28", "FF", "00"]) + good[2:]
-    if kind == 6:
-        return "".join(rng.choice(HEX) for _ in range(rng.choice([2, 16, 24, 32, 40, 58, 1024, 1026])))
-    if kind == 7:
-        return hostile_bytes(rng, rng.randrange(1, 300))
-    if kind == 8:
-        return rng.choice(["=", ";;;;", " ", "2B", "\t2B", good + " ", " " + good, "%s;%s" % (good, good)])
-    if kind == 9:
-        return "X" * rng.choice([100, 1000, 4000])
-    if kind == 10:
-        return good[:30] + "\x7f" + good[31:]
-    return "".join(rng.choice(HEX + "ghz-_ ") for _ in range(60))
+def hex_digits(rng, count, alphabet=HEX):
+    return "".join(rng.choice(alphabet) for _ in range(count))
+
+
+# Each a kind of value, from a random source and a good identifier.
+XTRACE_KINDS = [
+    lambda rng, good: good, lambda rng, good: good.lower(), lambda rng, good: good[:rng.randrange(0, 60)],
+    lambda rng, good: good + hex_digits(rng, rng.choice([1, 2, 4, 64, 1000])),
+    lambda rng, good: "2B" + "0" * 40 + good[42:],
+    lambda rng, good: rng.choice(["1B", "3B", "2A", "28", "FF", "00", "2F", "23"]) + good[2:],
+    lambda rng, good: hex_digits(rng, rng.choice([2, 16, 20, 24, 32, 40, 52, 58, 1024, 1026])),
+    lambda rng, good: hostile_bytes(rng, rng.randrange(1, 300)),
+    lambda rng, good: rng.choice(["=", ";;;;", " ", "2B", "\t2B", good + " ", " " + good, good + ";" + good]),
+    lambda rng, good: "X" * rng.choice([100, 1000, 4000]), lambda rng, good: good[:30] + "\x7f" + good[31:],
+    lambda rng, good: good[:30] + rng.choice(":;<=>?@") + good[31:], lambda rng, good: hex_digits(rng, 60, HEX + "ghz-_ "),
+]
+
+OPTION_KINDS = [
+    lambda rng: "trigger-trace", lambda rng: "trigger-trace=" + rng.choice(["1", "", " ", "=", "yes"]),
+    lambda rng: "ts=" + rng.choice(["", "0", "-1", str(int(time.time())), "9" * 40, "-" + "9" * 40, "12abc", " 5 "]),
+    lambda rng: "pd-keys=" + rng.choice(["", "a:b", "x" * 500, "=", ";"]),
+    lambda rng: "custom-%s=%s" % (rng.choice(["a", "", "-", "x" * 200]), rng.choice(["", "v", "=", "x" * 1000])),
+    lambda rng: rng.choice(["=", "", "=lead", " " * rng.randrange(1, 5), ";;;;", "x" * rng.choice([1000, 3000])]),
+    lambda rng: "k%d=%s" % (rng.randrange(100), "v" * rng.randrange(0, 50)),
+    lambda rng: rng.choice(["custom-b", "custom-\u00e9t\u00e9=\u20ac" * rng.randrange(1, 300)]),
+    lambda rng: "trigger-trace;ts=%d" % int(time.time()),
+]
 
 
 def options_value(rng):
-    pieces = []
-    for _ in range(rng.randrange(0, 8)):
-        kind = rng.randrange(14)
-        if kind == 0:
-            pieces.append("trigger-trace")
-        elif kind == 1:
-            pieces.append("trigger-trace=%s" % rng.choice(["1", "", " ", "=", "yes"]))
-        elif kind == 2:
-            pieces.append("ts=%s" % rng.choice(["", "0", "-1", str(int(time.time())), "9" * 40,
-                                                "-" + "9" * 40, "12abc", "0x10", " 5 "]))
-        elif kind == 3:
-            pieces.append("pd-keys=%s" % rng.choice(["", "a:b", "x" * 500, "=", ";"]))
-        elif kind == 4:
-            pieces.append("custom-%s=%s" % (rng.choice(["a", "", "-", "x" * 200]),
-                                           rng.choice(["", "v", "=", "x" * 1000])))
-        elif kind == 5:
-            pieces.append("=")
-        elif kind == 6:
-            pieces.append("")
-        elif kind == 7:
-            pieces.append("=lead")
-        elif kind == 8:
-            pieces.append(" " * rng.randrange(1, 5))
-        elif kind == 9:
-            pieces.append("k%d=%s" % (rng.randrange(100), "v" * rng.randrange(0, 50)))
-        elif kind == 10:
-            pieces.append("x" * rng.choice([1000, 3000]))
-        elif kind == 11:
-            pieces.append(";;;;")
-        elif kind == 12:
-            pieces.append(rng.choice(["custom-b", "custom-\u00e9t\u00e9=\u20ac" * rng.randrange(1, 300)]))
-        else:
-            pieces.append("trigger-trace;ts=%d" % int(time.time()))
-    text = ";".join(pieces)
-    if rng.randrange(6) == 0:
+    text = ";".join(rng.choice(OPTION_KINDS)(rng) for _ in range(rng.randrange(0, 8)))
+    if rng.randrange(6) == 0:  # bytes that are not UTF-8 in a custom key or value
         return text.encode() + rng.choice([b";custom-bin=", b";custom-"]) + hostile_bytes(rng, rng.randrange(1, 100))
     return text
 
 
 def signature_value(rng, options):
-    kind = rng.randrange(8)
     text = options.decode("latin-1") if isinstance(options, bytes) else (options or "")
-    if kind == 0:
-        return harness.signature(text)
-    if kind == 1:
-        return harness.signature(text).upper()
-    if kind == 2:
-        return "".join(rng.choice("0123456789abcdef") for _ in range(rng.choice([0, 39, 40, 41, 80])))
-    if kind == 3:
-        return hostile_bytes(rng, rng.randrange(1, 200))
-    if kind == 4:
-        return "=" * rng.randrange(1, 5)
-    if kind == 5:
-        return "f" * 5000
-    if kind == 6:
-        return ";;;;"
-    return ""
+    return rng.choice([harness.signature(text), harness.signature(text).upper(),
+                       hex_digits(rng, rng.choice([0, 39, 40, 41, 80]), "0123456789abcdef"),
+                       hostile_bytes(rng, rng.randrange(1, 200)), "=" * rng.randrange(1, 5), "f" * 5000, ";;;;", ""])
 
 
 def fuzz_requests(rng, count, seconds):
@@ -157,7 +107,8 @@ def fuzz_requests(rng, count, seconds):
             return
         headers = {}
         if rng.randrange(4) != 0:
-            headers["X-Trace"] = xtrace_value(rng)
+            good = "2B" + hex_digits(rng, 56) + rng.choice(["00", "01"])
+            headers["X-Trace"] = rng.choice(XTRACE_KINDS)(rng, good)
         options = None
         if rng.randrange(3) != 0:
             options = options_value(rng)

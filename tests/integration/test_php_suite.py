@@ -34,13 +34,24 @@ def php_source():
     return os.path.dirname(trees[0]) if trees else None
 
 
+def copy_sample(src, target):
+    """The sample's tests and the files beside them, in a tree of their own:
+    run-tests.php writes its .out and .diff files next to each test."""
+    tests = [p for pattern in SAMPLE for p in sorted(glob.glob(os.path.join(src, pattern)))]
+    tests = [os.path.join(d, f) for t in tests for d, _, fs in (os.walk(t) if os.path.isdir(t) else [("", 0, [t])])
+             for f in fs if f.endswith(".phpt")]
+    for directory in set(os.path.dirname(t) for t in tests):
+        shutil.copytree(directory, os.path.join(target, os.path.relpath(directory, src)), dirs_exist_ok=True,
+                        ignore=lambda d, names: [n for n in names if os.path.isdir(os.path.join(d, n))])
+    shutil.copy(os.path.join(src, "run-tests.php"), target)
+    return [os.path.relpath(t, src) for t in tests]
+
+
 class PhpTestSuite(unittest.TestCase):
-    def run_suite(self, src, extra, env):
+    def run_suite(self, tree, tests, extra, env):
         php = harness.CURRENT_PHP.cli
-        tests = [p for pattern in SAMPLE for p in sorted(glob.glob(os.path.join(src, pattern)))]
         result = subprocess.run([php, "-n", "run-tests.php", "-p", php, "-n", "-q", "--offline", "--no-color", "-j2"] +
-                                extra + [os.path.relpath(t, src) for t in tests],
-                                cwd=src, env=env, capture_output=True, timeout=900)
+                                extra + tests, cwd=tree, env=env, capture_output=True, timeout=900)
         return dict((name, outcome) for outcome, name in RESULT.findall(result.stdout.decode(errors="replace")))
 
     def test_php_tests_end_alike_with_the_agent(self):
@@ -51,13 +62,16 @@ class PhpTestSuite(unittest.TestCase):
         self.addCleanup(shutil.rmtree, work, True)
         traces = harness.Traces(work)
         env = dict(os.environ, CORVIDINE_REPORTER="file", CORVIDINE_COLLECTOR=traces.prefix)
-        without = self.run_suite(src, [], env)
-        agent = ["-d", "extension=" + harness.CURRENT_PHP.module, "-d", "corvidine.enable_cli=1",
+        tree = os.path.join(work, "php-src")
+        tests = copy_sample(src, tree)
+        without = self.run_suite(tree, tests, [], env)
+        agent = ["-d", "extension=" + os.path.abspath(harness.CURRENT_PHP.module), "-d", "corvidine.enable_cli=1",
                  "-d", "corvidine.max_ready_wait_time=-1"]
-        with_agent = self.run_suite(src, agent, env)
+        with_agent = self.run_suite(tree, tests, agent, env)
         self.assertGreater(list(without.values()).count("PASS"), 200, without)
         changed = {name: (without.get(name), with_agent.get(name))
                    for name in set(without) | set(with_agent) if without.get(name) != with_agent.get(name)}
+        self.maxDiff = None
         self.assertEqual({}, changed)
         # The agent did run, and traced.
         self.assertGreater(len([e for e in traces.events() if e["Label"] == "entry"]), 200)

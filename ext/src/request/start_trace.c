@@ -7,6 +7,7 @@
 #include "SAPI.h"
 
 #include "corvidine/context.h"
+#include "corvidine/debug_log.h"
 #include "corvidine/metadata.h"
 #include "corvidine/settings.h"
 #include "corvidine/tracing_decisions.h"
@@ -36,9 +37,20 @@ static void php_vesk_send_xtrace_header(const vesk_metadata_t *md) {
     memcpy(line, "X-Trace: ", sizeof("X-Trace: ") - 1);
     memcpy(line + sizeof("X-Trace: ") - 1, id, id_len);
     line[sizeof("X-Trace: ") - 1 + id_len] = '\0';
+    php_vesk_add_header(line, sizeof("X-Trace: ") - 1 + id_len);
+}
+
+void php_vesk_add_header(const char *line, size_t len) {
+    /* Once the response has begun (a warning PHP printed at request start,
+     * say) PHP would refuse the header with a warning of its own. */
+    if (SG(headers_sent)) {
+        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_PHP, VESK_DEBUG_INFO, "output began before request start: no %.*s",
+                             (int)len, line);
+        return;
+    }
     sapi_header_line header = {0};
-    header.line = line;
-    header.line_len = sizeof("X-Trace: ") - 1 + id_len;
+    header.line = (char *)line;
+    header.line_len = len;
     sapi_header_op(SAPI_HEADER_ADD, &header);
 }
 
