@@ -40,7 +40,7 @@ def marker():
 
 class ServerCase(unittest.TestCase):
     """Starts one server per class: SERVER is the kind, INI and ENV its
-    configuration."""
+    configuration (no SERVER: the case starts its own as self.server)."""
 
     SERVER = None
     INI = {}
@@ -50,18 +50,18 @@ class ServerCase(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         php = harness.CURRENT_PHP
+        if cls.SERVER is harness.FpmServer and php.fpm is None:
+            raise unittest.SkipTest("no php-fpm for this PHP build")
         if cls.SERVER is harness.FpmServer:
-            if php.fpm is None:
-                raise unittest.SkipTest("no php-fpm for this PHP build")
-            cls.server = harness.FpmServer(php, cls.INI, cls.ENV, children=cls.CHILDREN)
-        else:
-            cls.server = cls.SERVER(php, cls.INI, cls.ENV)
-        cls.server.start()
+            cls.server = harness.FpmServer(php, cls.INI, cls.ENV, children=cls.CHILDREN).start()
+        elif cls.SERVER is not None:
+            cls.server = cls.SERVER(php, cls.INI, cls.ENV).start()
 
     @classmethod
     def tearDownClass(cls):
-        crashes = cls.server.crashes()
-        cls.server.stop()
+        crashes = cls.server.crashes() if cls.SERVER else []
+        if cls.SERVER:
+            cls.server.stop()
         if crashes:
             raise AssertionError("server crashed: %s" % crashes)
 
@@ -238,14 +238,9 @@ class BuiltinRefused(ServerCase):
     """Empty token buckets (the signature is good, the trigger is refused),
     or tracing disabled: the answer says why."""
 
-    SERVER = harness.BuiltinServer
     CASES = [({"CORVIDINE_TOKEN_BUCKET_CAPACITY": "0", "CORVIDINE_TOKEN_BUCKET_RATE": "0"}, {},
               "auth=ok;trigger-trace=rate-exceeded"), ({}, {"corvidine.tracing": "disabled"},
                                                        "trigger-trace=tracing-disabled")]
-
-    @classmethod
-    def setUpClass(cls):
-        pass
 
     def test_refused_trigger(self):
         for env, ini, answer in self.CASES:
@@ -257,10 +252,6 @@ class BuiltinRefused(ServerCase):
                 self.assertEqual("00", flags_of(r.header("X-Trace")))
                 self.assert_not_traced(r.header("X-Trace"))
                 self.assertEqual([], self.server.crashes())
-
-    @classmethod
-    def tearDownClass(cls):
-        pass
 
 
 @on_both_servers
@@ -345,21 +336,12 @@ class FpmBadSettingsFiles(ServerCase):
     """A missing file warns on every request, a malformed one once; tracing
     goes on by corvidine.tracing."""
 
-    SERVER = harness.FpmServer
-    CHILDREN = 1
     MISSING = "/nonexistent/corvidine-settings.ini"
     MALFORMED = settings_file("[broken\ntype = url\nregexp = \"(\"\n")
 
-    @classmethod
-    def setUpClass(cls):
-        if harness.CURRENT_PHP.fpm is None:
-            raise unittest.SkipTest("no php-fpm for this PHP build")
-
-    @classmethod
-    def tearDownClass(cls):
-        pass
-
     def test_bad_files(self):
+        if harness.CURRENT_PHP.fpm is None:
+            self.skipTest("no php-fpm for this PHP build")
         missing = "File '%s' not found. Check your configuration 'corvidine.transaction_settings_file'" % self.MISSING
         for path, warning, count in ((self.MISSING, missing, 3), (self.MALFORMED, "syntax error", 1)):
             ini = {"corvidine.transaction_settings_file": path, "corvidine.tracing": "enabled"}
