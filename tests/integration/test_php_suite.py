@@ -5,7 +5,8 @@ change what PHP prints, also where variables_order has no "S" or opcache
 preloads a script in a request of its own.
 
 The source tree is the one tools/php-zts/build.sh unpacks; when it is not
-there it is fetched with apt-get source (PHP_SRC names another tree).
+there it is fetched with apt-get source (which needs a deb-src entry, as that
+script adds, and dpkg-dev). PHP_SRC names another tree.
 """
 import glob
 import os
@@ -17,21 +18,22 @@ import unittest
 
 import harness
 
-SRC_CACHE = "/opt/corvidine/src/php8.2-zts"
+# Where tools/php-zts/build.sh unpacks the source, and where this test
+# fetches it (once) when that is not there.
+SRC_CACHES = ["/opt/corvidine/src/php8.2-zts", "/opt/corvidine/src/php8.2-tests"]
 SAMPLE = ["tests/basic", "tests/lang", "tests/output", "tests/func", "Zend/tests/globals_00*.phpt",
           "ext/opcache/tests/preload*.phpt", "ext/standard/tests/general_functions/getopt*.phpt"]
 RESULT = re.compile(r"(PASS|FAIL|SKIP|BORK|WARN|LEAK|XFAIL|XLEAK) .*?\[([^\]]+\.phpt)\]")
 
 
 def php_source():
-    trees = [os.environ.get("PHP_SRC", "")] + sorted(glob.glob(SRC_CACHE + "/php8.2-8.2.*"), reverse=True)
-    trees = [t for t in trees if os.path.isfile(os.path.join(t, "run-tests.php"))]
-    if trees:
-        return trees[0]
-    fetch = tempfile.mkdtemp(prefix="corvidine-php-src-")
-    if subprocess.run(["apt-get", "source", "-q", "php8.2"], cwd=fetch, capture_output=True).returncode == 0:
-        trees = glob.glob(fetch + "/php8.2-8.2.*/run-tests.php")
-    return os.path.dirname(trees[0]) if trees else None
+    def trees():
+        found = sorted((t for c in SRC_CACHES for t in glob.glob(c + "/php8.2-8.2.*")), reverse=True)
+        return [t for t in [os.environ.get("PHP_SRC", "")] + found if os.path.isfile(os.path.join(t, "run-tests.php"))]
+    if not trees():
+        os.makedirs(SRC_CACHES[1], exist_ok=True)
+        subprocess.run(["apt-get", "source", "-q", "php8.2"], cwd=SRC_CACHES[1], capture_output=True)
+    return (trees() or [None])[0]
 
 
 def copy_sample(src, target):
@@ -57,7 +59,7 @@ class PhpTestSuite(unittest.TestCase):
     def test_php_tests_end_alike_with_the_agent(self):
         src = php_source()
         if src is None:
-            self.skipTest("no php8.2 source tree (apt-get source php8.2 failed)")
+            self.skipTest("no php8.2 source tree: apt-get source php8.2 failed (run tools/php-zts/build.sh)")
         work = tempfile.mkdtemp(prefix="corvidine-it-phpt-")
         self.addCleanup(shutil.rmtree, work, True)
         traces = harness.Traces(work)
