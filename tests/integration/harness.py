@@ -32,8 +32,7 @@ class Php:
     """One PHP build: its CLI, its php-fpm (when it has one) and our module."""
 
     def __init__(self, flavour, module):
-        self.flavour = flavour
-        self.module = module
+        self.flavour, self.module = flavour, module
         if flavour == "zts":
             prefix = os.environ.get("PHP_ZTS_PREFIX", "/opt/corvidine/php-8.2-zts").rstrip("/")
             self.cli = os.path.join(prefix, "bin", "php")
@@ -48,9 +47,7 @@ class Php:
         module, errors to a log file, then the test's own entries."""
         args = ["-n"] + (["-d", "extension=" + self.module] if load_module else [])
         args += ["-d", "log_errors=1", "-d", "error_log=" + log, "-d", "display_errors=0", "-d", "html_errors=0"]
-        for key, value in ini.items():
-            args += ["-d", "%s=%s" % (key, value)]
-        return args
+        return args + [a for key, value in ini.items() for a in ("-d", "%s=%s" % (key, value))]
 
 
 def free_port():
@@ -330,12 +327,8 @@ catch_workers_output = yes
 decorate_workers_output = no
 """
 
-NGINX_CONF = """daemon off;
-master_process on;
-worker_processes 1;
-user root;
-error_log {dir}/nginx-error.log warn;
-pid {dir}/nginx.pid;
+NGINX_CONF = """daemon off; master_process on; worker_processes 1; user root;
+error_log {dir}/nginx-error.log warn; pid {dir}/nginx.pid;
 events {{ worker_connections 1024; }}
 http {{
     access_log off;
