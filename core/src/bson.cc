@@ -70,6 +70,15 @@ bool ensure_room(vesk_bson_buffer *b, size_t needed) {
 // document: bytes that are not part of a valid sequence become '?' where
 // they were copied to. `at` has room for len + 1 bytes (the NUL that follows).
 void repair_utf8(char *at, size_t len) {
+    // Nearly every key and string is ASCII: eight bytes at a time say so.
+    uint64_t high = 0;
+    size_t i = 0;
+    for (uint64_t word; i + 8 <= len; i += 8) {
+        memcpy(&word, at + i, 8);
+        high |= word;
+    }
+    for (; i < len; i++) high |= static_cast<unsigned char>(at[i]);
+    if ((high & 0x8080808080808080ULL) == 0) return;
     if (vesk_utf8_valid_prefix(at, len) != len) vesk_utf8_sanitize(at, len, at);
 }
 
