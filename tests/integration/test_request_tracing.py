@@ -373,9 +373,9 @@ class Cli(unittest.TestCase):
     SCRIPT = os.path.join(harness.WWW, "headers.php")
     INI = {"corvidine.enable_cli": "1", "corvidine.max_ready_wait_time": "-1"}
 
-    def run_cli(self, ini=None, env=None):
+    def run_cli(self, ini=None, env=None, directory=None):
         result, traces, directory = harness.run_cli(harness.CURRENT_PHP, self.SCRIPT, dict(self.INI, **(ini or {})),
-                                                    env)
+                                                    env, directory=directory)
         self.addCleanup(shutil.rmtree, directory, True)
         self.assertEqual((0, b"done\n"), (result.returncode, result.stdout), "no header may be added under the CLI")
         return result, traces, directory
@@ -411,10 +411,10 @@ class Cli(unittest.TestCase):
                                     ("file", preload, "Initializing 'file' reporter"),
                                     ("ssl", {}, "SSL reporter is not available")):
             with self.subTest(reporter + " " + note):
-                log = tempfile.mktemp(prefix="corvidine-it-log-")
-                self.addCleanup(lambda: os.path.exists(log) and os.unlink(log))
+                directory = tempfile.mkdtemp(prefix="corvidine-it-cli-")
+                log = os.path.join(directory, "agent.log")
                 result, traces, _ = self.run_cli(ini, {"CORVIDINE_REPORTER": reporter, "CORVIDINE_LOGNAME": log,
-                                                       "CORVIDINE_DEBUG_LEVEL": "4"})
+                                                       "CORVIDINE_DEBUG_LEVEL": "4"}, directory)
                 self.assertEqual(b"", result.stderr)
                 with open(log, errors="replace") as handle:
                     self.assertIn(note, handle.read())
