@@ -1,5 +1,6 @@
 // Append-only BSON writer; lengths of sub-documents are patched in place.
 #include "corvidine/bson.h"
+#include "corvidine/utf8.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -72,12 +73,29 @@ inline bool ensure_room(vesk_bson_buffer *b, size_t needed) {
     return grow(b, needed);
 }
 
+// Keys and strings must be UTF-8, or a strict reader refuses the whole
+// document: bytes that are not part of a valid sequence become '?' where
+// they were copied to. `at` has room for len + 1 bytes (the NUL that follows).
+void repair_utf8(char *at, size_t len) {
+    // Nearly every key and string is ASCII: eight bytes at a time say so.
+    uint64_t high = 0;
+    size_t i = 0;
+    for (uint64_t word; i + 8 <= len; i += 8) {
+        memcpy(&word, at + i, 8);
+        high |= word;
+    }
+    for (; i < len; i++) high |= static_cast<unsigned char>(at[i]);
+    if ((high & 0x8080808080808080ULL) == 0) return;
+    if (vesk_utf8_valid_prefix(at, len) != len) vesk_utf8_sanitize(at, len, at);
+}
+
 // Type byte and key; room for `payload` more bytes is ensured first.
 bool append_head(vesk_bson_buffer *b, char type, const char *key, size_t payload) {
     size_t key_len = strlen(key) + 1;
     if (!ensure_room(b, 1 + key_len + payload)) return false;
     *b->cur++ = type;
     memcpy(b->cur, key, key_len);
+    repair_utf8(b->cur, key_len - 1);
     b->cur += key_len;
     return true;
 }
@@ -87,6 +105,7 @@ vesk_bson_buffer *append_string_bytes(vesk_bson_buffer *b, const char *key, cons
     put_int32(b->cur, static_cast<int32_t>(len + 1));
     b->cur += 4;
     memcpy(b->cur, value, len);
+    repair_utf8(b->cur, len);
     b->cur += len;
     *b->cur++ = '\0';
     return b;

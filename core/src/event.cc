@@ -11,7 +11,6 @@
 #include "corvidine/debug_log.h"
 #include "corvidine/random.h"
 #include "corvidine/startup.h"
-#include "corvidine/utf8.h"
 
 namespace {
 
@@ -89,18 +88,8 @@ int vesk_event_add_info(vesk_event_t *evt, const char *key, const char *value) {
     assert(evt);
     assert(key);
     if (!accepts(evt) || value == nullptr) return 0;
-    size_t len = strlen(value);
-    if (vesk_utf8_valid_prefix(value, len) == len)
-        return appended(vesk_bson_append_string_n(&evt->buffer, key, value, len));
-    // Request data can carry any bytes; a BSON string must be UTF-8 or the
-    // whole document is lost to strict readers.
-    char small[256];
-    char *clean = len < sizeof(small) ? small : static_cast<char *>(malloc(len + 1));
-    if (clean == nullptr) return -1;
-    vesk_utf8_sanitize(value, len, clean);
-    int rc = appended(vesk_bson_append_string_n(&evt->buffer, key, clean, len));
-    if (clean != small) free(clean);
-    return rc;
+    // Request data can carry any bytes: the writer repairs what is not UTF-8.
+    return appended(vesk_bson_append_string_n(&evt->buffer, key, value, strlen(value)));
 }
 
 int vesk_event_add_info_binary(vesk_event_t *evt, const char *key, const void *value, size_t len) {

@@ -106,6 +106,17 @@ void vesk_init_once() {
 
 void run_init_once() { pthread_once(&g_init_once, vesk_init_once); }
 
+// The debug log's level and file come with the options, whatever the
+// reporter, so that the reporter's own start is logged where asked.
+void apply_log_options(const vesk_init_options_t *o) {
+    int rc = 0;
+    if (o->log_file_path != nullptr && o->log_file_path[0] != '\0') rc = vesk_debug_log_to_file(o->log_file_path);
+    if (o->log_level >= -1) vesk_debug_log_level_set(VESK_DEBUG_MODULE_UNDEF, o->log_level);
+    if (rc != 0)
+        VESK_DEBUG_LOG(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_ERROR, "Cannot open debug log file '%s': %s",
+                       o->log_file_path, strerror(rc));
+}
+
 // Throws away a reporter inherited from another process and starts afresh.
 void rebuild_if_forked() {
     if (g_cur_reporter_pid != current_pid()) {
@@ -170,6 +181,7 @@ int vesk_init_reporter(const char *protocol, const vesk_init_options_t *options)
         }
     }
     if (g_cur_reporter_options == nullptr) g_cur_reporter_options = copy_options(nullptr);
+    if (g_cur_reporter_options != nullptr) apply_log_options(g_cur_reporter_options);
 
     if (g_reporter.destroy != nullptr || g_reporter.context != nullptr) _vesk_destroy_reporter(&g_reporter);
 

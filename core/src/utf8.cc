@@ -61,11 +61,21 @@ size_t vesk_utf8_sanitize(const char *text, size_t len, char *out) {
             out[i++] = '?';
             continue;
         }
-        memcpy(out + i, p + i, n);
+        if (out != text) memcpy(out + i, p + i, n);
         i += n;
     }
     out[len] = '\0';
     return len;
+}
+
+size_t vesk_utf8_cut(const char *text, size_t len, size_t limit) {
+    if (len <= limit) return len;
+    const unsigned char *p = reinterpret_cast<const unsigned char *>(text);
+    // Step back over at most three continuation bytes, so that the cut
+    // falls before the lead byte of the character that would be split.
+    size_t cut = limit;
+    while (cut > 0 && limit - cut < 3 && (p[cut] & 0xC0) == 0x80) cut--;
+    return (p[cut] & 0xC0) == 0x80 ? limit : cut;
 }
 
 }  // extern "C"

@@ -1,10 +1,9 @@
 """Real servers for the integration tests: nginx + php-fpm, PHP's built-in
 server and the CLI, each with the extension loaded and the file reporter
-writing into a private directory; curl as the client; Debian's python3-bson
-as the reader of what the extension wrote.
-
-Everything listens on free loopback ports and lives in a temporary
-directory that is removed when the server stops.
+writing into a private directory; curl and a FastCGI client as clients;
+Debian's python3-bson as the reader of what the extension wrote. Everything
+listens on free loopback ports and lives in a temporary directory that is
+removed when the server stops.
 """
 import glob
 import hashlib
@@ -14,12 +13,11 @@ import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
 import time
-
-from bson.int64 import Int64
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(os.path.dirname(HERE), "support"))
@@ -34,8 +32,7 @@ class Php:
     """One PHP build: its CLI, its php-fpm (when it has one) and our module."""
 
     def __init__(self, flavour, module):
-        self.flavour = flavour
-        self.module = module
+        self.flavour, self.module = flavour, module
         if flavour == "zts":
             prefix = os.environ.get("PHP_ZTS_PREFIX", "/opt/corvidine/php-8.2-zts").rstrip("/")
             self.cli = os.path.join(prefix, "bin", "php")
@@ -50,10 +47,8 @@ class Php:
         module, errors to a log file, then the test's own entries."""
         args = ["-n"] + (["-d", "extension=" + self.module] if load_module else [])
         args += ["-d", "log_errors=1", "-d", "error_log=" + log, "-d", "display_errors=0", "-d", "html_errors=0"]
-        for key, value in ini.items():
-            for one in value if isinstance(value, list) else [value]:  # a list: the entry repeated
-                args += ["-d", "%s=%s" % (key, one)]
-        return args
+        return args + [a for key, value in ini.items()  # a list: the entry repeated
+                       for one in (value if isinstance(value, list) else [value]) for a in ("-d", "%s=%s" % (key, one))]
 
 
 def free_port():
@@ -75,37 +70,43 @@ def wait_for_port(port, process, timeout=10.0):
     raise RuntimeError("nothing listens on port %d" % port)
 
 
-def decode_documents(path, lenient=False):
-    """All documents of a file. lenient: strings that are not UTF-8 are
-    decoded with replacement characters instead of failing."""
-    return bson_tools.decode_file(path, "replace" if lenient else "strict")
+def read_text(path):
+    try:
+        with open(path, errors="replace") as handle:
+            return handle.read()
+    except FileNotFoundError:
+        return ""
+
+
+def write_text(path, text):
+    with open(path, "w") as handle:
+        handle.write(text)
+    return path
 
 
 class Traces:
-    """The documents the file reporter wrote: one file per process."""
+    """The documents the file reporter wrote (one file per process), decoded
+    strictly: keys and strings must be UTF-8."""
 
     def __init__(self, directory):
         self.directory = directory
         self.prefix = os.path.join(directory, "trace")
 
-    def documents(self, lenient=False):
-        documents = []
-        for path in sorted(glob.glob(self.prefix + "*")):
-            documents.extend(decode_documents(path, lenient))
-        return documents
+    def documents(self):
+        return [d for path in sorted(glob.glob(self.prefix + "*")) for d in bson_tools.decode_file(path)]
 
-    def events(self, lenient=False):
-        return [d for d in self.documents(lenient) if "Label" in d and not d.get("__Init")]
+    def events(self):
+        return [d for d in self.documents() if "Label" in d and not d.get("__Init")]
 
     def by_task(self, task):
         return [e for e in self.events() if e["X-Trace"][2:42] == task]
 
-    def wait_trace(self, predicate, timeout=5.0, lenient=False):
+    def wait_trace(self, predicate, timeout=5.0):
         """The entry and exit event of the first trace whose entry satisfies
         predicate, waiting for the exit event to be written."""
         deadline = time.time() + timeout
         while True:
-            events = self.events(lenient)
+            events = self.events()
             for entry in events:
                 if entry.get("Label") == "entry" and predicate(entry):
                     task = entry["X-Trace"][2:42]
@@ -138,17 +139,11 @@ class Server:
         return "http://127.0.0.1:%d%s" % (self.port, path)
 
     def php_errors(self):
-        try:
-            with open(self.php_log, errors="replace") as handle:
-                return handle.read()
-        except FileNotFoundError:
-            return ""
+        return read_text(self.php_log)
 
-    def stop(self, keep=None):
-        """Stops the processes and removes the directory, unless keep (by
-        default: CORVIDINE_IT_KEEP=1) asks to leave it for a look."""
-        if keep is None:
-            keep = os.environ.get("CORVIDINE_IT_KEEP") == "1"
+    def stop(self):
+        """Stops the processes and removes the directory, unless
+        CORVIDINE_IT_KEEP=1 asks to leave it for a look."""
         for process in reversed(self.processes):
             if process.poll() is None:
                 process.send_signal(signal.SIGTERM)
@@ -158,7 +153,7 @@ class Server:
                     process.kill()
                     process.wait()
         self.processes = []
-        if not keep:
+        if os.environ.get("CORVIDINE_IT_KEEP") != "1":
             shutil.rmtree(self.dir, ignore_errors=True)
 
     def __enter__(self):
@@ -181,23 +176,19 @@ class FpmServer(Server):
         self.fallback = "location / { try_files $uri /index.php$is_args$args; }" if front_controller else ""
         self.children = children
         self.fpm_prefix = fpm_prefix or []
-        self.fpm_log = os.path.join(self.dir, "fpm.log")
 
     def start(self):
         if self.php.fpm is None:
             raise RuntimeError("this PHP has no php-fpm")
         self.port = free_port()
-        fpm_port = free_port()
+        self.fpm_port = fpm_port = free_port()
         for sub in ("body", "fastcgi", "proxy", "uwsgi", "scgi"):
             os.makedirs(os.path.join(self.dir, "tmp", sub), exist_ok=True)
-        fpm_conf = os.path.join(self.dir, "fpm.conf")
-        with open(fpm_conf, "w") as handle:
-            handle.write(FPM_CONF.format(dir=self.dir, port=fpm_port, children=self.children))
-        nginx_conf = os.path.join(self.dir, "nginx.conf")
-        with open(nginx_conf, "w") as handle:
-            handle.write(NGINX_CONF.format(dir=self.dir, port=self.port, fpm_port=fpm_port, www=self.root,
-                                           fallback=self.fallback))
-
+        fpm_conf = write_text(os.path.join(self.dir, "fpm.conf"),
+                              FPM_CONF.format(dir=self.dir, port=fpm_port, children=self.children))
+        nginx_conf = write_text(os.path.join(self.dir, "nginx.conf"),
+                                NGINX_CONF.format(dir=self.dir, port=self.port, fpm_port=fpm_port, www=self.root,
+                                                   fallback=self.fallback))
         fpm = subprocess.Popen(self.fpm_prefix + [self.php.fpm, "-F", "-R", "-y", fpm_conf] +
                                self.php.ini_args(self.ini, self.php_log, self.load_module),
                                env=self.env, stdout=subprocess.DEVNULL,
@@ -210,19 +201,10 @@ class FpmServer(Server):
         wait_for_port(self.port, nginx)
         return self
 
-    def fpm_log_text(self):
-        text = ""
-        for name in ("fpm.log", "fpm.stderr"):
-            try:
-                with open(os.path.join(self.dir, name), errors="replace") as handle:
-                    text += handle.read()
-            except FileNotFoundError:
-                pass
-        return text
-
     def crashes(self):
         """Workers the fpm master saw die of a signal."""
-        return re.findall(r"exited on signal \d+.*", self.fpm_log_text())
+        text = read_text(os.path.join(self.dir, "fpm.log")) + read_text(os.path.join(self.dir, "fpm.stderr"))
+        return re.findall(r"exited on signal \d+.*", text)
 
 
 class BuiltinServer(Server):
@@ -251,16 +233,10 @@ class BuiltinServer(Server):
 
 class Response:
     def __init__(self, status, headers, body):
-        self.status = status
-        self.headers = headers  # lower-case name -> list of values
-        self.body = body
+        self.status, self.headers, self.body = status, headers, body  # headers: lower-case name -> values
 
     def header(self, name):
-        values = self.headers.get(name.lower(), [])
-        return values[0] if values else None
-
-    def header_all(self, name):
-        return self.headers.get(name.lower(), [])
+        return (self.headers.get(name.lower()) or [None])[0]
 
 
 def curl(url, headers=None, timeout=10):
@@ -289,6 +265,35 @@ def curl(url, headers=None, timeout=10):
     return Response(status, parsed, result.stderr)
 
 
+def fcgi_request(port, params):
+    """One FastCGI request straight to php-fpm, with parameters no web server
+    in front would send; returns what the worker wrote to stdout."""
+    def record(kind, content):
+        return struct.pack(">BBHHBB", 1, kind, 1, len(content), 0, 0) + content
+
+    def pair(name, value):
+        name, value = [v if isinstance(v, bytes) else v.encode() for v in (name, value)]
+        return b"".join(struct.pack(">B", n) if n < 128 else struct.pack(">I", n | 0x80000000)
+                        for n in (len(name), len(value))) + name + value
+    body = b"".join(pair(k, v) for k, v in params.items())
+    data, out = b"", b""
+    with socket.create_connection(("127.0.0.1", port), timeout=10) as sock:
+        sock.sendall(record(1, struct.pack(">HB5x", 1, 0)) + record(4, body) + record(4, b"") + record(5, b""))
+        while True:
+            chunk = sock.recv(65536)
+            data += chunk
+            while len(data) >= 8:
+                _, kind, _, length, padding, _ = struct.unpack(">BBHHBB", data[:8])
+                if len(data) < 8 + length + padding:
+                    break
+                out += data[8:8 + length] if kind == 6 else b""
+                data = data[8 + length + padding:]
+                if kind == 3:
+                    return out
+            if not chunk:
+                return out
+
+
 def signature(options):
     return hmac.new(SIGNATURE_KEY, options.encode(), hashlib.sha1).hexdigest()
 
@@ -315,16 +320,11 @@ def run_cli(php, script, ini=None, env=None, args=None, directory=None):
     return result, traces, directory
 
 
-def is_int64(value):
-    return isinstance(value, Int64)
-
-
 FPM_CONF = """[global]
 pid = {dir}/fpm.pid
 error_log = {dir}/fpm.log
 log_level = notice
 daemonize = no
-
 [www]
 listen = 127.0.0.1:{port}
 pm = static
@@ -334,20 +334,13 @@ catch_workers_output = yes
 decorate_workers_output = no
 """
 
-NGINX_CONF = """daemon off;
-master_process on;
-worker_processes 1;
-user root;
-error_log {dir}/nginx-error.log warn;
-pid {dir}/nginx.pid;
+NGINX_CONF = """daemon off; master_process on; worker_processes 1; user root;
+error_log {dir}/nginx-error.log warn; pid {dir}/nginx.pid;
 events {{ worker_connections 1024; }}
 http {{
     access_log off;
-    client_body_temp_path {dir}/tmp/body;
-    fastcgi_temp_path {dir}/tmp/fastcgi;
-    proxy_temp_path {dir}/tmp/proxy;
-    uwsgi_temp_path {dir}/tmp/uwsgi;
-    scgi_temp_path {dir}/tmp/scgi;
+    client_body_temp_path {dir}/tmp/body; fastcgi_temp_path {dir}/tmp/fastcgi; proxy_temp_path {dir}/tmp/proxy;
+    uwsgi_temp_path {dir}/tmp/uwsgi; scgi_temp_path {dir}/tmp/scgi;
     server {{
         listen 127.0.0.1:{port};
         server_name localhost;
@@ -355,22 +348,14 @@ http {{
         {fallback}
         location ~ \\.php$ {{
             fastcgi_pass 127.0.0.1:{fpm_port};
-            fastcgi_param SCRIPT_FILENAME $document_root$fastcgi_script_name;
-            fastcgi_param QUERY_STRING $query_string;
-            fastcgi_param REQUEST_METHOD $request_method;
-            fastcgi_param CONTENT_TYPE $content_type;
-            fastcgi_param CONTENT_LENGTH $content_length;
-            fastcgi_param SCRIPT_NAME $fastcgi_script_name;
-            fastcgi_param REQUEST_URI $request_uri;
-            fastcgi_param DOCUMENT_URI $document_uri;
-            fastcgi_param DOCUMENT_ROOT $document_root;
-            fastcgi_param SERVER_PROTOCOL $server_protocol;
-            fastcgi_param GATEWAY_INTERFACE CGI/1.1;
-            fastcgi_param SERVER_SOFTWARE nginx;
-            fastcgi_param REMOTE_ADDR $remote_addr;
-            fastcgi_param REMOTE_PORT $remote_port;
-            fastcgi_param SERVER_ADDR $server_addr;
-            fastcgi_param SERVER_PORT $server_port;
+            fastcgi_param SCRIPT_FILENAME $document_root$fastcgi_script_name; fastcgi_param SCRIPT_NAME $fastcgi_script_name;
+            fastcgi_param QUERY_STRING $query_string; fastcgi_param REQUEST_METHOD $request_method;
+            fastcgi_param CONTENT_TYPE $content_type; fastcgi_param CONTENT_LENGTH $content_length;
+            fastcgi_param REQUEST_URI $request_uri; fastcgi_param DOCUMENT_URI $document_uri;
+            fastcgi_param DOCUMENT_ROOT $document_root; fastcgi_param SERVER_PROTOCOL $server_protocol;
+            fastcgi_param GATEWAY_INTERFACE CGI/1.1; fastcgi_param SERVER_SOFTWARE nginx;
+            fastcgi_param REMOTE_ADDR $remote_addr; fastcgi_param REMOTE_PORT $remote_port;
+            fastcgi_param SERVER_ADDR $server_addr; fastcgi_param SERVER_PORT $server_port;
             fastcgi_param SERVER_NAME $server_name;
         }}
     }}

@@ -7,15 +7,18 @@ CORVIDINE_FUZZ_SECONDS seconds (default 60), whichever ends first; the seed
 is printed so that a failing run can be repeated (CORVIDINE_FUZZ_SEED).
 
 Every request must be answered by PHP (200) or, for values beyond the front
-server's own limits, refused by the front server itself; an unusable
-identifier must give a new trace; no worker may die; every document must
-still be well-formed BSON.
+server's own limits, refused by the front server itself; an identifier that
+parses keeps its place (version and task id) in the answer, one that does not
+gives a new trace; no worker may die; every document must decode strictly
+(keys and strings UTF-8). Service keys of any length and bytes go to php-fpm
+in each request's PHP_VALUE.
 """
 import os
 import random
 import re
 import shutil
 import signal
+import tempfile
 import time
 import unittest
 import uuid
@@ -27,19 +30,19 @@ REQUESTS = int(os.environ.get("CORVIDINE_FUZZ_REQUESTS", "300"))
 SECONDS = float(os.environ.get("CORVIDINE_FUZZ_SECONDS", "60"))
 SEED = int(os.environ.get("CORVIDINE_FUZZ_SEED", str(int(time.time()))))
 
-USABLE = re.compile(r"^2B[0-9A-F]{58}$")
 HEX = "0123456789ABCDEF"
 
 
-def valid_xtrace(rng, flags=None):
-    body = "".join(rng.choice(HEX) for _ in range(56))
-    return "2B" + body + (flags if flags is not None else rng.choice(["00", "01"]))
-
-
-def usable(value):
-    """What the extension must continue: a version-2 identifier of the full
-    form with a task id that is not all zero."""
-    return isinstance(value, str) and USABLE.match(value) is not None and value[2:42] != "0" * 40
+def parsed(value):
+    """The binary form the extension reads from an X-Trace value, or None
+    when it does not parse: even length up to 1024, digits from "0" to "F"
+    (":" to "@" included), as long as its header byte says."""
+    text = value.decode("latin-1") if isinstance(value, bytes) else value
+    if text is None or len(text) % 2 or not 2 <= len(text) <= 1024 or any(not "0" <= c <= "F" for c in text):
+        return None
+    nibbles = [(ord(c) - 0x30) & 0xF if c <= "@" else ord(c) - 0x37 for c in text]
+    raw = bytes(a * 16 + b for a, b in zip(nibbles[::2], nibbles[1::2]))
+    return raw if len(raw) == (4, 8, 12, 20)[raw[0] & 3] + (8 if raw[0] & 8 else 4) + 2 else None
 
 
 def padded(value):
@@ -54,92 +57,47 @@ def hostile_bytes(rng, length):
     return bytes(rng.choice(alphabet) for _ in range(length)).strip() or b"x"
 
 
-def xtrace_value(rng):
-    kind = rng.randrange(12)
-    good = valid_xtrace(rng)
-    if kind == 0:
-        return good
-    if kind == 1:
-        return good.lower()
-    if kind == 2:
-        return good[: rng.randrange(0, 60)]
-    if kind == 3:
-        return good + "".join(rng.choice(HEX) for _ in range(rng.choice([1, 2, 4, 64, 1000])))
-    if kind == 4:
-        return "2B" + "0" * 40 + good[42:]
-    if kind == 5:
-        return rng.choice(["1B", "3B", "2A", "28", "FF", "00"]) + good[2:]
-    if kind == 6:
-        return "".join(rng.choice(HEX) for _ in range(rng.choice([2, 16, 24, 32, 40, 58, 1024, 1026])))
-    if kind == 7:
-        return hostile_bytes(rng, rng.randrange(1, 300))
-    if kind == 8:
-        return rng.choice(["=", ";;;;", " ", "2B", "\t2B", good + " ", " " + good, "%s;%s" % (good, good)])
-    if kind == 9:
-        return "X" * rng.choice([100, 1000, 4000])
-    if kind == 10:
-        return good[:30] + "\x7f" + good[31:]
-    return "".join(rng.choice(HEX + "ghz-_ ") for _ in range(60))
+def hex_digits(rng, count, alphabet=HEX):
+    return "".join(rng.choice(alphabet) for _ in range(count))
+
+
+# Each a kind of value, from a random source and a good identifier.
+XTRACE_KINDS = [
+    lambda rng, good: good, lambda rng, good: good.lower(), lambda rng, good: good[:rng.randrange(0, 60)],
+    lambda rng, good: good + hex_digits(rng, rng.choice([1, 2, 4, 64, 1000])),
+    lambda rng, good: "2B" + "0" * 40 + good[42:],
+    lambda rng, good: rng.choice(["1B", "3B", "2A", "28", "FF", "00", "2F", "23"]) + good[2:],
+    lambda rng, good: hex_digits(rng, rng.choice([2, 16, 20, 24, 32, 40, 52, 58, 1024, 1026])),
+    lambda rng, good: hostile_bytes(rng, rng.randrange(1, 300)),
+    lambda rng, good: rng.choice(["=", ";;;;", " ", "2B", "\t2B", good + " ", " " + good, good + ";" + good]),
+    lambda rng, good: "X" * rng.choice([100, 1000, 4000]), lambda rng, good: good[:30] + "\x7f" + good[31:],
+    lambda rng, good: good[:30] + rng.choice(":;<=>?@") + good[31:], lambda rng, good: hex_digits(rng, 60, HEX + "ghz-_ "),
+]
+
+OPTION_KINDS = [
+    lambda rng: "trigger-trace", lambda rng: "trigger-trace=" + rng.choice(["1", "", " ", "=", "yes"]),
+    lambda rng: "ts=" + rng.choice(["", "0", "-1", str(int(time.time())), "9" * 40, "-" + "9" * 40, "12abc", " 5 "]),
+    lambda rng: "pd-keys=" + rng.choice(["", "a:b", "x" * 500, "=", ";"]),
+    lambda rng: "custom-%s=%s" % (rng.choice(["a", "", "-", "x" * 200]), rng.choice(["", "v", "=", "x" * 1000])),
+    lambda rng: rng.choice(["=", "", "=lead", " " * rng.randrange(1, 5), ";;;;", "x" * rng.choice([1000, 3000])]),
+    lambda rng: "k%d=%s" % (rng.randrange(100), "v" * rng.randrange(0, 50)),
+    lambda rng: rng.choice(["custom-b", "custom-\u00e9t\u00e9=\u20ac" * rng.randrange(1, 300)]),
+    lambda rng: "trigger-trace;ts=%d" % int(time.time()),
+]
 
 
 def options_value(rng):
-    pieces = []
-    for _ in range(rng.randrange(0, 8)):
-        kind = rng.randrange(14)
-        if kind == 0:
-            pieces.append("trigger-trace")
-        elif kind == 1:
-            pieces.append("trigger-trace=%s" % rng.choice(["1", "", " ", "=", "yes"]))
-        elif kind == 2:
-            pieces.append("ts=%s" % rng.choice(["", "0", "-1", str(int(time.time())), "9" * 40,
-                                                "-" + "9" * 40, "12abc", "0x10", " 5 "]))
-        elif kind == 3:
-            pieces.append("pd-keys=%s" % rng.choice(["", "a:b", "x" * 500, "=", ";"]))
-        elif kind == 4:
-            pieces.append("custom-%s=%s" % (rng.choice(["a", "", "-", "x" * 200]),
-                                           rng.choice(["", "v", "=", "x" * 1000])))
-        elif kind == 5:
-            pieces.append("=")
-        elif kind == 6:
-            pieces.append("")
-        elif kind == 7:
-            pieces.append("=lead")
-        elif kind == 8:
-            pieces.append(" " * rng.randrange(1, 5))
-        elif kind == 9:
-            pieces.append("k%d=%s" % (rng.randrange(100), "v" * rng.randrange(0, 50)))
-        elif kind == 10:
-            pieces.append("x" * rng.choice([1000, 3000]))
-        elif kind == 11:
-            pieces.append(";;;;")
-        elif kind == 12:
-            pieces.append("custom-b")
-        else:
-            pieces.append("trigger-trace;ts=%d" % int(time.time()))
-    text = ";".join(pieces)
-    if rng.randrange(8) == 0:
-        return text.encode() + b";custom-bin=" + hostile_bytes(rng, rng.randrange(1, 100))
+    text = ";".join(rng.choice(OPTION_KINDS)(rng) for _ in range(rng.randrange(0, 8)))
+    if rng.randrange(6) == 0:  # bytes that are not UTF-8 in a custom key or value
+        return text.encode() + rng.choice([b";custom-bin=", b";custom-"]) + hostile_bytes(rng, rng.randrange(1, 100))
     return text
 
 
 def signature_value(rng, options):
-    kind = rng.randrange(8)
     text = options.decode("latin-1") if isinstance(options, bytes) else (options or "")
-    if kind == 0:
-        return harness.signature(text)
-    if kind == 1:
-        return harness.signature(text).upper()
-    if kind == 2:
-        return "".join(rng.choice("0123456789abcdef") for _ in range(rng.choice([0, 39, 40, 41, 80])))
-    if kind == 3:
-        return hostile_bytes(rng, rng.randrange(1, 200))
-    if kind == 4:
-        return "=" * rng.randrange(1, 5)
-    if kind == 5:
-        return "f" * 5000
-    if kind == 6:
-        return ";;;;"
-    return ""
+    return rng.choice([harness.signature(text), harness.signature(text).upper(),
+                       hex_digits(rng, rng.choice([0, 39, 40, 41, 80]), "0123456789abcdef"),
+                       hostile_bytes(rng, rng.randrange(1, 200)), "=" * rng.randrange(1, 5), "f" * 5000, ";;;;", ""])
 
 
 def fuzz_requests(rng, count, seconds):
@@ -149,7 +107,8 @@ def fuzz_requests(rng, count, seconds):
             return
         headers = {}
         if rng.randrange(4) != 0:
-            headers["X-Trace"] = xtrace_value(rng)
+            good = "2B" + hex_digits(rng, 56) + rng.choice(["00", "01"])
+            headers["X-Trace"] = rng.choice(XTRACE_KINDS)(rng, good)
         options = None
         if rng.randrange(3) != 0:
             options = options_value(rng)
@@ -163,47 +122,45 @@ class FuzzCases:
     def test_hostile_headers(self):
         rng = random.Random(SEED)
         print("\n  fuzz seed %d" % SEED)
-        served = refused = fresh = 0
+        served = refused = kept = 0
         for i, headers in fuzz_requests(rng, REQUESTS, SECONDS):
             context = "request %d (seed %d): %r" % (i, SEED, {k: v[:80] for k, v in headers.items()})
             r = curl(self.server.url("/index.php?fuzz=%d" % i), headers)
             if r.status in (400, 413, 431, 494):
                 refused += 1  # the front server's own header limits
                 continue
-            self.assertEqual(200, r.status, context)
-            self.assertEqual(b"ok\n", r.body, context)
+            self.assertEqual((200, b"ok\n"), (r.status, r.body), context)
             served += 1
-            answer = r.header("X-Trace")
-            self.assertIsNotNone(answer, context)
-            self.assertTrue(USABLE.match(answer), context + " answered " + answer)
-            incoming = headers.get("X-Trace")
+            answer, incoming = r.header("X-Trace"), headers.get("X-Trace")
+            answered = parsed(answer)
+            self.assertIsNotNone(answered, context + " answered %r" % answer)
             if padded(incoming):
                 continue
-            if incoming is not None and not usable(incoming) and "X-Trace-Options-Signature" not in headers:
-                # A new trace: sampled (everything is, here), and not the
-                # incoming task.
-                self.assertEqual("01", answer[58:60], context)
-                if isinstance(incoming, str) and len(incoming) >= 42:
-                    self.assertNotEqual(incoming[2:42].upper(), answer[2:42], context)
-                fresh += 1
-            if usable(incoming) and incoming[58:60] == "00" and "X-Trace-Options-Signature" not in headers:
-                self.assertEqual(incoming, answer, context)
-        print("  %d served, %d refused by the front server, %d new traces for unusable ids"
-              % (served, refused, fresh))
+            signed = "X-Trace-Options-Signature" in headers
+            raw = parsed(incoming)
+            if raw is None:  # a new trace: sampled (everything is, here)
+                self.assertTrue(answer.startswith("2B") and len(answer) == 60, context)
+                if not signed:
+                    self.assertEqual("01", answer[-2:], context)
+                continue
+            kept += 1  # header byte (bit 2 is not written), task id and flags stay
+            task_end = 1 + (4, 8, 12, 20)[raw[0] & 3]
+            self.assertEqual((raw[0] & ~4, raw[1:task_end], raw[-1] & ~1),
+                             (answered[0], answered[1:task_end], answered[-1] & ~1), context)
+            if raw[0] >> 4 == 2 and not raw[-1] & 1 and not signed:  # not sampled: answered with itself
+                self.assertEqual(bytes([raw[0] & ~4]) + raw[1:], answered, context)
+        print("  %d served, %d refused by the front server, %d identifiers kept" % (served, refused, kept))
         self.assertGreater(served, 0)
 
         # Still alive and tracing.
         mark = uuid.uuid4().hex
         r = curl(self.server.url("/index.php?m=" + mark))
         self.assertEqual(200, r.status)
-        entry, _ = self.server.traces.wait_trace(lambda e: mark in e.get("URL", ""), lenient=True)
+        entry, _ = self.server.traces.wait_trace(lambda e: mark in e.get("URL", ""))
         self.assertIsNotNone(entry)
-        # Every document is complete BSON. Strings copied from hostile bytes
-        # need not be UTF-8; those are decoded with replacement, and counted.
-        documents = self.server.traces.documents(lenient=True)
-        self.assertGreater(len(documents), served)
-        not_utf8 = sum(1 for d in documents if any(isinstance(v, str) and "\ufffd" in v for v in d.values()))
-        print("  %d documents, %d with strings that are not UTF-8" % (len(documents), not_utf8))
+        # Every document is whole, with UTF-8 keys and strings (a strict
+        # decoder refuses anything else).
+        self.assertGreater(len(self.server.traces.documents()), served)
         self.assertEqual([], self.server.crashes())
 
 
@@ -227,6 +184,79 @@ class BuiltinFuzz(FuzzCases, unittest.TestCase):
     @classmethod
     def tearDownClass(cls):
         cls.server.stop()
+
+
+def service_keys(rng, count):
+    """Keys of 0 to 4096 bytes: no ":", many, the first one at or past the
+    327 bytes the extension keeps, NUL bytes, bytes that are not UTF-8, upper
+    case, blanks."""
+    yield from (b"", b":", b"t" * 327 + b":svc", b"T" * 326 + b":Svc Name", b"t:" + b"x" * 4094)
+    for _ in range(count):
+        length = rng.choice([1, 2, 40, 326, 327, 328, 329, 400, 1000, 4096])
+        filler = rng.choice([b"abcXYZ09 \t-_.", bytes(b for b in range(1, 256) if b != 58), b"a\x00\xff\xc3", b"a:"])
+        key = bytearray(rng.choice(filler) for _ in range(length))
+        if rng.randrange(3):
+            key[min(length - 1, rng.choice([0, 1, 326, 327, 328, length // 2]))] = ord(":")
+        yield bytes(key)
+
+
+def service_of(key):
+    """The service a request's key names: its first 327 bytes, cleaned (after
+    the first ":" upper case lowered, blanks to "-", anything but [0-9a-z:._-]
+    dropped); none without a ":" there or when nothing is left."""
+    cut = key[:327]
+    if b":" not in cut:
+        return None
+    kept = b"0123456789abcdefghijklmnopqrstuvwxyz:.-_"
+    service = bytes(c + 32 if 65 <= c <= 90 else 45 if c in (9, 32) else c
+                    for c in cut[cut.index(b":") + 1:] if 65 <= c <= 90 or c in (9, 32) or c in kept)
+    return service.decode() or None
+
+
+class FpmServiceKeys(unittest.TestCase):
+    def test_service_keys_of_any_length_and_bytes(self):
+        if harness.CURRENT_PHP.fpm is None:
+            self.skipTest("no php-fpm for this PHP build")
+        rng = random.Random(SEED + 2)
+        with harness.FpmServer(harness.CURRENT_PHP) as server:
+            for i, key in enumerate(service_keys(rng, 60)):
+                params = {"SCRIPT_FILENAME": os.path.join(harness.WWW, "service_key.php"), "REQUEST_METHOD": "GET",
+                          "SCRIPT_NAME": "/service_key.php", "REQUEST_URI": "/service_key.php?k=%d" % i,
+                          "PHP_VALUE": b"corvidine.service_key='" + key + b"'"}
+                out = harness.fcgi_request(server.fpm_port, params)
+                seen = bytes.fromhex(out.partition(b"\r\n\r\n")[2].decode())  # the key as PHP holds it
+                context = "key %r (seed %d), PHP holds %r" % (key[:60], SEED, seen[:60])
+                entry, _ = server.traces.wait_trace(lambda e: e.get("URL") == "/service_key.php?k=%d" % i)
+                self.assertIsNotNone(entry, context)
+                self.assertEqual(service_of(seen), entry.get("SN"), context)
+            self.assertEqual([], server.crashes())
+
+
+class BsonStrings(unittest.TestCase):
+    """PHP strings of any bytes as BSON (arguments, backtraces): cut at 1024
+    bytes between characters, keys and strings repaired to UTF-8."""
+
+    SCRIPT = r"""<?php
+    $doc = ["bad\xff\xc3key" => "bad\xe2\x82 value \xff", "\xf0\x9f\x98" => 1];
+    foreach (["\u{e9}", "\u{20ac}", "\u{1f600}"] as $c) {
+        for ($pad = 0; $pad < 4; $pad++) { $doc[$c . $pad] = str_repeat("a", $pad) . str_repeat($c, 1100); }
+    }
+    echo bin2hex(corvidine_test_to_bson($doc)[1]);
+    """
+
+    def test_long_multibyte_strings_and_bad_keys_decode_strictly(self):
+        directory = tempfile.mkdtemp(prefix="corvidine-it-bson-")
+        self.addCleanup(shutil.rmtree, directory, True)
+        script = os.path.join(directory, "bson.php")
+        with open(script, "w") as handle:
+            handle.write(self.SCRIPT)
+        result, _, _ = harness.run_cli(harness.CURRENT_PHP, script, {"corvidine.internal_test_hooks": "1"},
+                                       directory=directory)
+        document = harness.bson_tools.decode(bytes.fromhex(result.stdout.decode()))[0]  # strict
+        self.assertEqual(("bad?? value ?", 1), (document.pop("bad??key"), document.pop("???")))
+        for key, value in document.items():
+            full = "a" * int(key[-1]) + key[:-1] * 1100
+            self.assertTrue(full.startswith(value) and 1021 <= len(value.encode()) <= 1024, key)
 
 
 VALGRIND_ERROR = 99

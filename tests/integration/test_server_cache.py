@@ -10,9 +10,6 @@ REQUEST_URI), and its process environment is chosen by the case.
 """
 import json
 import os
-import shutil
-import socket
-import struct
 import subprocess
 import tempfile
 import unittest
@@ -21,18 +18,6 @@ import harness
 
 PAGE = os.path.join(harness.WWW, "server_cache.php")
 PHP_CGI = "/usr/bin/php-cgi8.2"
-
-FPM_CONF = """[global]
-pid = {dir}/fpm.pid
-error_log = {dir}/fpm.log
-daemonize = no
-[www]
-listen = 127.0.0.1:{port}
-pm = static
-pm.max_children = 1
-clear_env = no
-catch_workers_output = yes
-"""
 
 # What nginx's fastcgi_params pass for a GET of the page.
 BASE_PARAMS = {
@@ -56,43 +41,6 @@ def clean_environment(extra):
     return env
 
 
-def fcgi_record(kind, content):
-    return struct.pack(">BBHHBB", 1, kind, 1, len(content), 0, 0) + content
-
-
-def fcgi_pair(name, value):
-    name, value = name.encode(), value.encode()
-    head = b""
-    for length in (len(name), len(value)):
-        head += struct.pack(">B", length) if length < 128 else struct.pack(">I", length | 0x80000000)
-    return head + name + value
-
-
-def fcgi_get(port, params):
-    """Sends one request; returns what the worker wrote to stdout."""
-    body = b"".join(fcgi_pair(k, v) for k, v in params.items())
-    message = (fcgi_record(1, struct.pack(">HB5x", 1, 0)) + fcgi_record(4, body) + fcgi_record(4, b"") +
-               fcgi_record(5, b""))
-    data, out = b"", b""
-    with socket.create_connection(("127.0.0.1", port), timeout=10) as sock:
-        sock.sendall(message)
-        while True:
-            chunk = sock.recv(65536)
-            if not chunk:
-                break
-            data += chunk
-            while len(data) >= 8:
-                _, kind, _, length, padding, _ = struct.unpack(">BBHHBB", data[:8])
-                if len(data) < 8 + length + padding:
-                    break
-                if kind == 6:
-                    out += data[8:8 + length]
-                data = data[8 + length + padding:]
-                if kind == 3:
-                    return out.decode("utf-8")
-    return out.decode("utf-8")
-
-
 def page_result(output):
     """The page's JSON behind the CGI headers."""
     head, _, body = output.partition("\r\n\r\n")
@@ -104,37 +52,16 @@ def page_result(output):
         raise AssertionError("not the page's answer: %r" % output[:2000])
 
 
-class Fpm:
-    """php-fpm with one worker, no web server in front."""
-
-    def __init__(self, env, ini=None):
-        php = harness.CURRENT_PHP
-        self.dir = tempfile.mkdtemp(prefix="corvidine-cache-")
-        self.port = harness.free_port()
-        conf = os.path.join(self.dir, "fpm.conf")
-        with open(conf, "w") as handle:
-            handle.write(FPM_CONF.format(dir=self.dir, port=self.port))
-        ini = dict({"corvidine.internal_test_hooks": "1"}, **(ini or {}))
-        self.log = os.path.join(self.dir, "php-errors.log")
-        self.process = subprocess.Popen([php.fpm, "-F", "-R", "-y", conf] + php.ini_args(ini, self.log),
-                                        env=clean_environment(env), stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.DEVNULL)
-        harness.wait_for_port(self.port, self.process)
-
-    def get(self, params):
-        return page_result(fcgi_get(self.port, params))
-
-    def stop(self):
-        self.process.terminate()
-        try:
-            self.process.wait(timeout=10)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-        with open(os.path.join(self.dir, "fpm.log"), errors="replace") as handle:
-            log = handle.read()
-        shutil.rmtree(self.dir, ignore_errors=True)
-        return log
+def start_fpm(env, ini=None):
+    """php-fpm with one worker and the environment given; the cases speak
+    FastCGI to it, past the web server."""
+    if harness.CURRENT_PHP.fpm is None:
+        raise unittest.SkipTest("no php-fpm for this PHP build")
+    fpm = harness.FpmServer(harness.CURRENT_PHP, dict({"corvidine.internal_test_hooks": "1"}, **(ini or {})),
+                            children=1)
+    fpm.env = clean_environment(env)
+    fpm.get = lambda params: page_result(harness.fcgi_request(fpm.fpm_port, params).decode())
+    return fpm.start()
 
 
 class FpmCase(unittest.TestCase):
@@ -144,15 +71,14 @@ class FpmCase(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        if harness.CURRENT_PHP.fpm is None:
-            raise unittest.SkipTest("no php-fpm for this PHP build")
-        cls.fpm = Fpm(cls.ENV)
+        cls.fpm = start_fpm(cls.ENV)
 
     @classmethod
     def tearDownClass(cls):
-        log = cls.fpm.stop()
-        if "exited on signal" in log:
-            raise AssertionError("php-fpm worker crashed: %s" % log)
+        crashes = cls.fpm.crashes()
+        cls.fpm.stop()
+        if crashes:
+            raise AssertionError("php-fpm worker crashed: %s" % crashes)
 
     def check(self, params):
         result = self.fpm.get(params)
@@ -229,9 +155,7 @@ class FpmServerCacheFiltered(unittest.TestCase):
     copy still equals _SERVER."""
 
     def run_with(self, ini, params):
-        if harness.CURRENT_PHP.fpm is None:
-            self.skipTest("no php-fpm for this PHP build")
-        fpm = Fpm({}, ini)
+        fpm = start_fpm({}, ini)
         try:
             return fpm.get(params)
         finally:

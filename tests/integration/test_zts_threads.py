@@ -73,7 +73,7 @@ class ThreadedServer(unittest.TestCase):
         self.assertIn("requests %d answered %d sampled-headers %d unsampled-headers %d wrong-flags 0"
                       % (total, total, sampled, total - sampled), result.stdout)
 
-        events = [d for d in harness.decode_documents(traces) if "Label" in d and not d.get("__Init")]
+        events = [d for d in harness.bson_tools.decode_file(traces) if "Label" in d and not d.get("__Init")]
         entries = [e for e in events if e["Label"] == "entry"]
         exits = {e["X-Trace"][2:42]: e for e in events if e["Label"] == "exit"}
         self.assertEqual(sampled, len(entries))

@@ -17,8 +17,13 @@ extern "C" {
 size_t vesk_utf8_valid_prefix(const char *text, size_t len);
 
 /* Copies text into out (room for len + 1 bytes) with every byte that is not
- * part of a valid sequence replaced by '?'; returns the length written. */
+ * part of a valid sequence replaced by '?'; returns the length written. out
+ * may be text itself: the repair is then done in place. */
 size_t vesk_utf8_sanitize(const char *text, size_t len, char *out);
+
+/* The length to keep of text[0..len) when at most limit bytes may be kept:
+ * len when it fits, else limit or less, so that no character is split. */
+size_t vesk_utf8_cut(const char *text, size_t len, size_t limit);
 
 #ifdef __cplusplus
 }

@@ -106,7 +106,7 @@ int php_vesk_cli_off(void) {
     if (is_cli < 0) {
         is_cli = sapi_module.name != NULL && strcmp(sapi_module.name, "cli") == 0;
     }
-    return is_cli && !VESK_INI_ON("corvidine.enable_cli");
+    return is_cli && VESK_INI_OFF("corvidine.enable_cli");
 }
 
 int php_vesk_config_valid(void) {

@@ -18,6 +18,9 @@ void php_vesk_ini_unregister(int type, int module_number);
 #define VESK_INI_LONG(name) zend_ini_long((name), sizeof(name) - 1, 0)
 /* On/off entry: 1 when the low byte of its integer value is 1. */
 #define VESK_INI_ON(name) ((VESK_INI_LONG(name) & 0xFF) == 1)
+/* Off only when the low byte of its integer value is 0 (2 and -1 are on, 256
+ * is off): how corvidine.enable and corvidine.enable_cli are read. */
+#define VESK_INI_OFF(name) ((VESK_INI_LONG(name) & 0xFF) == 0)
 /* String value of an entry; never null ("" when unset). */
 #define VESK_INI_STR(name) php_vesk_ini_str((name), sizeof(name) - 1)
 

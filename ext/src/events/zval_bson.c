@@ -3,6 +3,8 @@
 
 #include "zend_exceptions.h"
 
+#include "corvidine/utf8.h"
+
 #include "src/events/php_vesk_events.h"
 
 /* BSON type bytes written here. */
@@ -101,9 +103,19 @@ static const char *vesk_bson_key(zend_string *str_key, zend_ulong num_key, int t
     return key;
 }
 
+/* PHP strings are bytes; BSON keys and strings are UTF-8, or a strict reader
+ * refuses the whole document. Bytes just written that are not part of a valid
+ * sequence become '?' (the NUL that follows them is written over too). */
+static void vesk_bson_repair(char *written, size_t length) {
+    if (vesk_utf8_valid_prefix(written, length) != length) {
+        vesk_utf8_sanitize(written, length, written);
+    }
+}
+
 static void vesk_bson_head(vesk_php_mongo_buffer *buffer, char type, const char *key, size_t key_len) {
     *buffer->cursor++ = type;
     vesk_mongo_put(buffer, key, key_len);
+    vesk_bson_repair(buffer->cursor - key_len, key_len);
     *buffer->cursor++ = '\0';
 }
 
@@ -222,14 +234,13 @@ static int vesk_bson_elements(vesk_bson_walk *walk, HashTable *table, int type, 
                 break;
             }
             case IS_STRING: {
-                size_t length = Z_STRLEN_P(value);
-                if (length > VESK_PHP_BSON_MAX_STRING) {
-                    length = VESK_PHP_BSON_MAX_STRING;
-                }
+                /* Cut at a character boundary, never inside one. */
+                size_t length = vesk_utf8_cut(Z_STRVAL_P(value), Z_STRLEN_P(value), VESK_PHP_BSON_MAX_STRING);
                 if (!vesk_bson_room(walk, head + 4 + length + 1, 0)) continue;
                 vesk_bson_head(buffer, VESK_BSON_STRING, key, key_len);
                 vesk_mongo_put_int32(buffer, (int32_t)(length + 1));
                 vesk_mongo_put(buffer, Z_STRVAL_P(value), length);
+                vesk_bson_repair(buffer->cursor - length, length);
                 *buffer->cursor++ = '\0';
                 break;
             }

@@ -6,6 +6,7 @@
 #include "corvidine/debug_log.h"
 #include "corvidine/settings.h"
 #include "corvidine/startup.h"
+#include "corvidine/tracing_decisions.h"
 
 #include "src/config/ini.h"
 #include "src/hooks/observer.h"
@@ -34,6 +35,43 @@ static const char *php_vesk_mode_text(int mode) {
         default:
             return "not set";
     }
+}
+
+static const char *php_vesk_sample_source_text(int source) {
+    switch (source) {
+        case VESK_SAMPLE_SOURCE_LOCAL:
+            return "local configuration";
+        case VESK_SAMPLE_SOURCE_UNSET:
+            return "compiled in default";
+        case VESK_SAMPLE_SOURCE_LAYER:
+            return "vesk setting";
+        case 4:
+            return "previous vesk setting";
+        case VESK_SAMPLE_SOURCE_DEFAULT:
+            return "vesk default";
+        default:
+            return "unknown";
+    }
+}
+
+/* The rate and its source for this service, as the tracing decision sees
+ * them now: no incoming identifier, nothing custom. */
+static void php_vesk_info_sampling(void) {
+    vesk_tracing_decisions_in_t in;
+    memset(&in, 0, sizeof(in));
+    in.version = 2;
+    in.service_name = php_vesk_get_service_name();
+    in.custom_sample_rate = -1;
+    in.custom_tracing_mode = -1;
+    in.custom_trigger_mode = -1;
+    vesk_tracing_decisions_out_t out;
+    memset(&out, 0, sizeof(out));
+    out.version = 2;
+    vesk_tracing_decisions(&in, &out);
+    char rate[16];
+    snprintf(rate, sizeof(rate), "%d", out.sample_rate);
+    php_info_print_table_row(2, "sample rate", rate);
+    php_info_print_table_row(2, "sample source", php_vesk_sample_source_text(out.sample_source));
 }
 
 static void php_vesk_info_string(const char *name, const char *value) {
@@ -112,8 +150,7 @@ void php_vesk_info(zend_module_entry *zend_module) {
     php_info_print_table_header(2, "corvidine support", "enabled");
     php_info_print_table_row(2, "version", PHP_CORVIDINE_VERSION);
     php_info_print_table_row(2, "libvesk version", vesk_config_get_version_string());
-    /* The tracing decision for this service ("sample rate", "sample source")
-     * is shown here once the sampling decisions are built. */
+    php_vesk_info_sampling();
     php_info_print_table_row(2, "service name", php_vesk_get_service_name());
     php_info_print_table_row(2, "reporter ready", php_vesk_ready_text(vesk_reporter_is_ready(NULL)));
     php_info_print_table_row(2, "trigger trace", php_vesk_mode_text(vesk_settings_cfg_get()->trigger_mode));

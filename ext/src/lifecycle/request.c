@@ -1,6 +1,9 @@
 /* Request start and end. */
 #include "php_corvidine.h"
 
+#include "SAPI.h"
+
+#include "corvidine/debug_log.h"
 #include "corvidine/span.h"
 #include "corvidine/startup.h"
 
@@ -16,7 +19,7 @@
 #define PHP_VESK_MIN_PROFILING_INTERVAL_US 20000
 
 int php_vesk_request_inactive(void) {
-    return php_vesk_cli_off() || !php_vesk_request_ini_on(PHP_VESK_RINI_ENABLE);
+    return php_vesk_cli_off() || php_vesk_request_ini_off(PHP_VESK_RINI_ENABLE);
 }
 
 /* Whether request start found the module active: request end goes by it
@@ -30,9 +33,10 @@ ZEND_TLS const char *php_vesk_last_names[2];
 ZEND_TLS char php_vesk_last_service[PHP_VESK_SERVICE_KEY_SIZE];
 
 /* A per-directory service key whose service differs from both names known
- * at module start makes this request's service. The key is cut and cleaned
- * the way module start does it, so that the same key always names the same
- * service. */
+ * at module start makes this request's service. The key is cut to the size
+ * module start keeps and cleaned the way it does it, so that the same key
+ * always names the same service; a key whose ":" lies past the cut names
+ * none. */
 static void php_vesk_request_service_name(void) {
     const char *key = php_vesk_request_ini_str(PHP_VESK_RINI_SERVICE_KEY);
     if (php_vesk_last_service_key[0] != '\0' && php_vesk_last_names[0] == VESK_G(ini_service_name) &&
@@ -48,13 +52,26 @@ static void php_vesk_request_service_name(void) {
         return;
     }
     char cleaned[PHP_VESK_SERVICE_KEY_SIZE];
-    size_t key_len = MIN(strlen(key), PHP_VESK_SERVICE_KEY_SIZE - 1);
+    size_t key_len = strlen(key);
+    if (key_len > sizeof(cleaned) - 1) {
+        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_PHP, VESK_DEBUG_WARNING,
+                             "corvidine.service_key is %zu bytes long: only its first %zu bytes are used", key_len,
+                             sizeof(cleaned) - 1);
+        key_len = sizeof(cleaned) - 1;
+    }
     memcpy(cleaned, key, key_len);
     cleaned[key_len] = '\0';
     int length = (int)key_len;
     vesk_validate_transform_service_name(cleaned, &length);
 
-    const char *service = strchr(cleaned, ':') + 1;
+    const char *colon = strchr(cleaned, ':');
+    if (colon == NULL) {
+        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_PHP, VESK_DEBUG_WARNING,
+                             "corvidine.service_key has no ':' within its first %zu bytes: no service name taken",
+                             sizeof(cleaned) - 1);
+        return;
+    }
+    const char *service = colon + 1;
     const char *ini_name = VESK_G(ini_service_name);
     const char *env_name = VESK_G(env_service_name);
     if (service[0] != '\0' && (ini_name == NULL || strcmp(service, ini_name) != 0) &&
@@ -85,8 +102,15 @@ static void php_vesk_profiling_interval(void) {
     VESK_G(profiler_interval_us) = interval_us;
 }
 
+/* A request with no script and no client: the one opcache's preloading runs
+ * at server start, or other work done inside module start-up. It is not the
+ * application's, and starts no trace. */
+static int php_vesk_request_without_script(void) {
+    return SG(request_info).path_translated == NULL && SG(server_context) == NULL;
+}
+
 zend_result php_vesk_request_startup(void) {
-    php_vesk_request_active = !php_vesk_request_inactive();
+    php_vesk_request_active = !php_vesk_request_inactive() && !php_vesk_request_without_script();
     if (!php_vesk_request_active) {
         return SUCCESS;
     }

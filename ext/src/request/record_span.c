@@ -3,16 +3,21 @@
 
 #include "SAPI.h"
 
+#include "corvidine/debug_log.h"
 #include "corvidine/span.h"
 
 #include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
 
+/* What the agent notices about a request (no SCRIPT_NAME where variables_order
+ * has no "S", say) is its own business: the debug log, never PHP's output. */
+#define PHP_VESK_NOTE(message) VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_PHP, VESK_DEBUG_INFO, message)
+
 /* The script's file name: what follows the last "/" of SCRIPT_NAME. */
 static const char *php_vesk_script_base_name(void) {
     const char *script = php_vesk_server_value(PHP_VESK_SV_SCRIPT_NAME);
     if (script == NULL) {
-        PHP_VESK_WARNING("Corvidine extension couldn't find SCRIPT_NAME");
+        PHP_VESK_NOTE("Corvidine extension couldn't find SCRIPT_NAME");
         return NULL;
     }
     const char *slash = strrchr(script, '/');
@@ -36,11 +41,11 @@ void php_vesk_record_span(int64_t start, int64_t stop) {
         /* The core makes the name from the URL. */
         params.url = php_vesk_server_value(PHP_VESK_SV_REQUEST_URI);
         if (params.url == NULL) {
-            PHP_VESK_WARNING("Corvidine extension couldn't find REQUEST_URI");
+            PHP_VESK_NOTE("Corvidine extension couldn't find REQUEST_URI");
         }
     }
     if (params.transaction == NULL && params.url == NULL) {
-        PHP_VESK_WARNING("Corvidine extension detected empty transaction name");
+        PHP_VESK_NOTE("Corvidine extension detected empty transaction name");
     }
     params.duration = (long)(stop - start);
     params.service = VESK_G(request_service_name);

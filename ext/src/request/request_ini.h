@@ -67,6 +67,11 @@ static inline int php_vesk_request_ini_on(php_vesk_request_ini_id id) {
     return (php_vesk_request_ini_long(id) & 0xFF) == 1;
 }
 
+/* As VESK_INI_OFF: the low byte of the integer value is 0. */
+static inline int php_vesk_request_ini_off(php_vesk_request_ini_id id) {
+    return (php_vesk_request_ini_long(id) & 0xFF) == 0;
+}
+
 /* As VESK_INI_STR: never null, "" when absent or unset. */
 static inline const char *php_vesk_request_ini_str(php_vesk_request_ini_id id) {
     zend_ini_entry *entry = php_vesk_request_ini_entry(id);

@@ -71,6 +71,10 @@ const char *php_vesk_server_value(php_vesk_server_id id);
 int php_vesk_start_trace(const char *layer, const char *xtrace, int *sample_rate, int *sample_source,
                          const php_vesk_kv *kvs, int kv_count, int event_flags);
 
+/* Adds a response header line ("Name: value", len bytes), unless output has
+ * already begun. */
+void php_vesk_add_header(const char *line, size_t len);
+
 /* Sends the exit event of a sampled trace (with the caller's records first),
  * clears the context. On an unsampled request only the layer is freed. */
 void php_vesk_end_trace(const php_vesk_kv *kvs, int kv_count, int event_flags);

@@ -12,6 +12,7 @@
 
 #include "SAPI.h"
 
+#include "corvidine/debug_log.h"
 #include "corvidine/metadata.h"
 
 #include "src/request/response_header.h"
@@ -19,13 +20,13 @@
 /* Hands a request-heap line over to the SAPI's header list, or frees it. */
 static zend_result php_vesk_add_own_header(char *line, size_t line_len) {
     if (SG(headers_sent) && !SG(request_info).no_headers) {
-        /* Refused, with sapi_header_op()'s own warning. */
-        sapi_header_line header = {0};
-        header.line = line;
-        header.line_len = line_len;
-        zend_result rc = sapi_header_op(SAPI_HEADER_ADD, &header);
+        /* The response has begun (a warning PHP printed at request start,
+         * say): sapi_header_op() would refuse the line with a warning of its
+         * own, which the application must not see. */
+        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_PHP, VESK_DEBUG_INFO, "output began before request start: no %.*s",
+                             (int)line_len, line);
         efree(line);
-        return rc;
+        return FAILURE;
     }
     sapi_header_struct header;
     header.header = line;

@@ -7,6 +7,7 @@
 #include "SAPI.h"
 
 #include "corvidine/context.h"
+#include "corvidine/debug_log.h"
 #include "corvidine/metadata.h"
 #include "corvidine/settings.h"
 #include "corvidine/tracing_decisions.h"
@@ -33,6 +34,20 @@ static int php_vesk_sapi_is_cli(void) {
  * out. */
 static void php_vesk_send_xtrace_header(const vesk_metadata_t *md) {
     php_vesk_add_xtrace_header(md);
+}
+
+void php_vesk_add_header(const char *line, size_t len) {
+    /* Once the response has begun (a warning PHP printed at request start,
+     * say) PHP would refuse the header with a warning of its own. */
+    if (SG(headers_sent)) {
+        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_PHP, VESK_DEBUG_INFO, "output began before request start: no %.*s",
+                             (int)len, line);
+        return;
+    }
+    sapi_header_line header = {0};
+    header.line = (char *)line;
+    header.line_len = len;
+    sapi_header_op(SAPI_HEADER_ADD, &header);
 }
 
 /* The process-wide mode and rate from INI, written anew by every request (in
@@ -73,21 +88,20 @@ static const char *php_vesk_incoming_xtrace(const char *xtrace) {
     return configured[0] != '\0' ? configured : NULL;
 }
 
-/* Sets the context from the incoming identifier. An identifier that does not
- * parse, names no task (all-zero task id) or has another version is
- * unusable: the request starts a new trace with random ids and a sampled
- * flag instead, with no edge, and the identifier is forgotten. Returns the
- * identifier still in use, or null. */
+/* Sets the context from the incoming identifier. An identifier that parses
+ * takes its place in the context whatever its version and task id: the
+ * decision treats a version other than 2 as absent, and an unsampled one is
+ * answered with itself. One that does not parse is forgotten: the request
+ * starts a new trace with random ids and a sampled flag, with no edge.
+ * Returns the identifier still in use, or null. */
 static const char *php_vesk_set_context(const char *incoming, int *event_flags) {
     vesk_metadata_t md;
     vesk_metadata_init(&md);
-    if (incoming != NULL && vesk_metadata_fromstr(&md, incoming, strlen(incoming)) == 0 &&
-        md.version == VESK_XTRACE_VERSION && vesk_metadata_is_valid(&md)) {
+    if (incoming != NULL && vesk_metadata_fromstr(&md, incoming, strlen(incoming)) == 0) {
         vesk_context_set(&md);
         return incoming;
     }
-    /* Fresh lengths and flags: the thread's record may hold what an earlier
-     * request's identifier left there. */
+    /* Fresh lengths and flags: a failed parse may have left some behind. */
     vesk_metadata_init(&md);
     vesk_metadata_random(&md);
     md.flags |= VESK_XTRACE_FLAG_SAMPLED;

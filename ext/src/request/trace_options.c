@@ -144,9 +144,6 @@ void php_vesk_trace_options_respond(const php_vesk_trace_options *options, int r
     }
     smart_str_0(&line);
 
-    sapi_header_line header = {0};
-    header.line = ZSTR_VAL(line.s);
-    header.line_len = ZSTR_LEN(line.s);
-    sapi_header_op(SAPI_HEADER_ADD, &header);
+    php_vesk_add_header(ZSTR_VAL(line.s), ZSTR_LEN(line.s));
     smart_str_free(&line);
 }

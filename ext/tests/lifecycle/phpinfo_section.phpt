@@ -8,11 +8,17 @@ require __DIR__ . '/../support/child.inc';
 
 $file = vesk_temp_path();
 $r = vesk_run(['corvidine.enable_cli' => 1, 'corvidine.service_key' => 'secret-token:Shop Front',
-               'corvidine.debug_level' => 1, 'corvidine.max_transactions' => 70],
+               'corvidine.debug_level' => 1, 'corvidine.max_transactions' => 70,
+               'corvidine.sample_rate' => 250000],
     vesk_file_reporter($file) + ['CORVIDINE_EVENTS_FLUSH_INTERVAL' => '9'], 'phpinfo(INFO_MODULES);');
 @unlink($file);
 // The corvidine section: from its title to the first directive after it.
 preg_match('/^corvidine\n.*?^corvidine\.xtrace => .*?$/ms', $r['out'], $m);
+// Without a local rate, the rate and source of the reporter's default record.
+$plain = vesk_run(['corvidine.enable_cli' => 1], vesk_file_reporter($file), 'phpinfo(INFO_MODULES);');
+@unlink($file);
+preg_match_all('/^sample (?:rate|source) => .*$/m', $plain['out'], $rows);
+echo implode("\n", $rows[0]), "\n";
 echo $m[0] ?? "no section: {$r['err']}", "\n";
 echo "token shown anywhere: ", str_contains($r['out'], 'secret-token') ? 'yes' : 'no', "\n\n";
 
@@ -23,11 +29,15 @@ preg_match('/^corvidine\.service_key => .*$/m', $off, $m);
 echo $m[0] ?? 'no service_key row', "\n";
 ?>
 --EXPECTF--
+sample rate => 1000000
+sample source => vesk default
 corvidine
 
 corvidine support => enabled
 version => 3.8.3
 libvesk version => 7.0.1
+sample rate => 250000
+sample source => local configuration
 service name => shop-front
 reporter ready => yes
 trigger trace => not set
