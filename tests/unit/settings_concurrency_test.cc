@@ -12,7 +12,7 @@
 
 #include "corvidine/bson.h"
 #include "corvidine/settings.h"
-#include "support/capture_reporter.h"
+#include "support/harness.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "corvidine/event.h"
 #include "corvidine/utf8.h"
-#include "support/capture_reporter.h"
+#include "support/harness.h"
 
 namespace {
 
@@ -36,9 +36,7 @@ TEST(Utf8, SanitizeReplacesOnlyTheBadBytes) {
 
 TEST(Utf8, EventStringsFromRawBytesDecodeStrictly) {
     corvidine_test::CaptureReporter reporter;
-    vesk_metadata_t md;
-    vesk_metadata_init(&md);
-    vesk_metadata_random(&md);
+    vesk_metadata_t md = corvidine_test::sampled_metadata();
     vesk_event_t evt;
     ASSERT_EQ(0, vesk_metadata_create_event(&md, &evt));
     std::string hostile = "custom-\xFF\xFE value \xC0\xAF and " + std::string(300, '\x9F');

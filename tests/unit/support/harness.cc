@@ -1,0 +1,261 @@
+#include "support/harness.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <sstream>
+
+#include "corvidine/bson.h"
+#include "corvidine/debug_log.h"
+#include "corvidine/event.h"
+#include "corvidine/settings.h"
+#include "corvidine/token_bucket.h"
+
+namespace corvidine_test {
+
+namespace {
+int yes(void *) { return 1; }
+int zero(void *) { return 0; }
+}  // namespace
+
+CaptureReporter::CaptureReporter() {
+    vesk_init_options_t options = init_options("null");
+    vesk_init(&options);
+    _vesk_destroy_reporter(nullptr);
+    table_.context = this;
+    table_.event_ready = table_.profiling_ready = table_.status_ready = table_.span_ready = yes;
+    table_.send = &CaptureReporter::send;
+    table_.destroy = zero;
+    table_.get_server_response = yes;  // VESK_SERVER_RESPONSE_OK
+    _vesk_reporter_register(&table_);
+}
+
+CaptureReporter::~CaptureReporter() { _vesk_destroy_reporter(&table_); }
+
+ssize_t CaptureReporter::send(void *ctx, int channel, const char *data, size_t len) {
+    CaptureReporter *self = static_cast<CaptureReporter *>(ctx);
+    self->documents_.push_back({channel, std::string(data, len)});
+    return self->send_result_ < 0 ? static_cast<ssize_t>(len) : self->send_result_;
+}
+
+std::string source_path(const std::string &relative) {
+    const char *root = getenv("CORVIDINE_SOURCE_DIR");
+#ifdef CORVIDINE_SOURCE_DIR
+    if (root == nullptr) root = CORVIDINE_SOURCE_DIR;
+#endif
+    return std::string(root ? root : ".") + "/" + relative;
+}
+
+std::string make_temp_dir() {
+    char tmpl[] = "/tmp/corvidine-test-XXXXXX";
+    const char *dir = mkdtemp(tmpl);
+    return dir ? dir : "/tmp";
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+std::vector<std::string> list_dir(const std::string &dir) {
+    std::vector<std::string> names;
+    if (DIR *d = opendir(dir.c_str())) {
+        while (struct dirent *e = readdir(d))
+            if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+        closedir(d);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<std::string> decode_bson(const std::string &bytes) {
+    std::string dir = make_temp_dir(), in = dir + "/docs.bson";
+    std::ofstream(in, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::string cmd = "/usr/bin/python3 " + source_path("tests/support/bson_tools.py") + " json " + in;
+    std::vector<std::string> lines;
+    FILE *p = popen(cmd.c_str(), "r");
+    if (p == nullptr) {
+        ADD_FAILURE() << "cannot run " << cmd;
+        return lines;
+    }
+    std::string line;
+    for (int c; (c = fgetc(p)) != EOF;) {
+        if (c != '\n') {
+            line.push_back(static_cast<char>(c));
+            continue;
+        }
+        lines.push_back(line);
+        line.clear();
+    }
+    EXPECT_EQ(0, pclose(p)) << "decoder failed: " << (lines.empty() ? "" : lines.back());
+    unlink(in.c_str());
+    rmdir(dir.c_str());
+    return lines;
+}
+
+bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+
+LogCapture::LogCapture() {
+    saved_level_ = vesk_debug_log_level_get();
+    vesk_debug_log_to_stream(nullptr);
+    vesk_debug_log_level_set(VESK_DEBUG_MODULE_UNDEF, VESK_DEBUG_HIGH);
+    vesk_debug_log_add(&LogCapture::collect, this, VESK_DEBUG_HIGH);
+}
+
+LogCapture::~LogCapture() {
+    vesk_debug_log_remove(&LogCapture::collect, this);
+    vesk_debug_log_level_set(VESK_DEBUG_MODULE_UNDEF, saved_level_);
+    vesk_debug_log_to_stream(stderr);
+}
+
+int LogCapture::level_of(const std::string &message) {
+    std::lock_guard<std::mutex> lock(mu_);
+    for (const Line &line : lines_)
+        if (line.message == message) return line.level;
+    return -1;
+}
+
+bool LogCapture::contains(const std::string &part) {
+    std::lock_guard<std::mutex> lock(mu_);
+    for (const Line &line : lines_)
+        if (has(line.message, part)) return true;
+    return false;
+}
+
+void LogCapture::clear() {
+    std::lock_guard<std::mutex> lock(mu_);
+    lines_.clear();
+}
+
+void LogCapture::collect(void *ctx, int module, int level, const char *, int, const char *message) {
+    LogCapture *self = static_cast<LogCapture *>(ctx);
+    std::lock_guard<std::mutex> lock(self->mu_);
+    self->lines_.push_back({module, level, message});
+}
+
+namespace {
+std::atomic<long> g_sec{0}, g_usec{0};
+void fixed_clock(struct timeval *tv) {
+    tv->tv_sec = g_sec.load();
+    tv->tv_usec = g_usec.load();
+}
+}  // namespace
+
+FixedClock::FixedClock(long sec) {
+    set(sec);
+    _vesk_clock_set(fixed_clock);
+}
+FixedClock::~FixedClock() { _vesk_clock_set(nullptr); }
+void FixedClock::set(long sec, long usec) {
+    g_sec = sec;
+    g_usec = usec;
+}
+long FixedClock::sec() { return g_sec.load(); }
+
+vesk_init_options_t init_options(const char *reporter, const char *host) {
+    vesk_init_options_t o;
+    o.version = VESK_INIT_OPTIONS_VERSION;
+    vesk_init_options_set_defaults(&o);
+    o.reporter = reporter;
+    o.host = host;
+    return o;
+}
+
+vesk_metadata_t sampled_metadata() {
+    vesk_metadata_t md;
+    vesk_metadata_init(&md);
+    vesk_metadata_random(&md);
+    md.flags = VESK_XTRACE_FLAG_SAMPLED;
+    return md;
+}
+
+std::string xtrace_of(const vesk_metadata_t &md) {
+    char buf[VESK_MAX_METADATA_STRING_LEN];
+    EXPECT_EQ(0, vesk_metadata_tostr(&md, buf, sizeof(buf)));
+    return buf;
+}
+
+int send_event(vesk_metadata_t *md, const char *layer, int64_t seq) {
+    vesk_event_t evt;
+    if (vesk_metadata_create_event(md, &evt) != 0) return -999;
+    vesk_event_add_info(&evt, "Layer", layer);
+    vesk_event_add_info_int64(&evt, "Seq", seq);
+    int rc = vesk_event_send(VESK_SEND_EVENT, &evt, md);
+    vesk_event_destroy(&evt);
+    return rc;
+}
+
+std::string padded_document(int32_t n, size_t pad) {
+    vesk_bson_buffer b;
+    vesk_bson_buffer_init(&b);
+    vesk_bson_append_int(&b, "n", n);
+    vesk_bson_append_string(&b, "pad", std::string(pad, 'x').c_str());
+    const char *data = vesk_bson_buffer_finish(&b);  // before the size: finishing adds the last byte
+    std::string doc(data, vesk_bson_buffer_size(&b));
+    vesk_bson_buffer_destroy(&b);
+    return doc;
+}
+
+UdpListener::UdpListener(uint16_t port) {
+    fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int big = 1 << 20;
+    setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof(big));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(addr);
+    if (bind(fd_, reinterpret_cast<sockaddr *>(&addr), len) != 0) {
+        close(fd_);
+        fd_ = -1;
+        return;
+    }
+    getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &len);
+    port_ = ntohs(addr.sin_port);
+}
+
+UdpListener::~UdpListener() {
+    if (fd_ >= 0) close(fd_);
+}
+
+std::optional<std::string> UdpListener::receive(int timeout_ms) {
+    pollfd p{fd_, POLLIN, 0};
+    if (poll(&p, 1, timeout_ms) != 1) return std::nullopt;
+    std::string buf(100000, '\0');
+    ssize_t n = recv(fd_, &buf[0], buf.size(), MSG_TRUNC);  // MSG_TRUNC shows a larger datagram
+    if (n < 0) return std::nullopt;
+    buf.resize(static_cast<size_t>(n));
+    return buf;
+}
+
+CaptureReporter *SettingsFixture::reporter = nullptr;
+
+void SettingsFixture::fresh_settings(bool configuration) {
+    ASSERT_EQ(0, vesk_settings_init_local());
+    _vesk_settings_reset();
+    if (configuration) vesk_settings_cfg_init(vesk_settings_cfg_get());
+}
+
+vesk_tracing_decisions_in_t decisions_in(const char *service, int request_type) {
+    vesk_tracing_decisions_in_t in;
+    memset(&in, 0, sizeof(in));
+    in.version = 2;
+    in.service_name = service;
+    in.custom_sample_rate = in.custom_tracing_mode = in.custom_trigger_mode = -1;
+    in.request_type = request_type;
+    return in;
+}
+
+}  // namespace corvidine_test

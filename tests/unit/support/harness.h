@@ -1,0 +1,128 @@
+// The one harness of the unit tests: a capturing reporter, the independent
+// BSON decoder, the debug-log capture, a hand-set clock, files and a UDP
+// listener.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdint.h>
+#include <sys/time.h>
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "corvidine/metadata.h"
+#include "corvidine/reporter.h"
+#include "corvidine/startup.h"
+#include "corvidine/tracing_decisions.h"
+
+namespace corvidine_test {
+
+struct CapturedDocument {
+    int channel;
+    std::string bytes;
+};
+
+// Starts the library with the null reporter (so this process owns the
+// registry) and puts a capturing table in its place.
+class CaptureReporter {
+public:
+    CaptureReporter();
+    ~CaptureReporter();
+    const std::vector<CapturedDocument> &documents() const { return documents_; }
+    // What send returns: -1 means "the whole length".
+    void set_send_result(long result) { send_result_ = result; }
+    vesk_reporter_t *table() { return &table_; }
+
+private:
+    static ssize_t send(void *ctx, int channel, const char *data, size_t len);
+    vesk_reporter_t table_{};
+    std::vector<CapturedDocument> documents_;
+    long send_result_ = -1;
+};
+
+// Decodes BSON bytes with python3-bson; one JSON line per document, each
+// document a list of [key, [type, value]] pairs in document order.
+std::vector<std::string> decode_bson(const std::string &bytes);
+bool has(const std::string &text, const std::string &part);
+
+std::string source_path(const std::string &relative);
+std::string make_temp_dir();
+std::string read_file(const std::string &path);
+std::vector<std::string> list_dir(const std::string &dir);  // sorted
+
+// Every debug-log line (all modules, every level) while it lives.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+    // Level of the first line equal to `message`, or -1.
+    int level_of(const std::string &message);
+    bool contains(const std::string &part);
+    void clear();
+
+private:
+    struct Line {
+        int module, level;
+        std::string message;
+    };
+    static void collect(void *ctx, int module, int level, const char *, int, const char *message);
+    std::mutex mu_;
+    std::vector<Line> lines_;
+    int saved_level_;
+};
+
+// The clock of buckets and settings, set by hand while it lives.
+class FixedClock {
+public:
+    explicit FixedClock(long sec = 1700000000);
+    ~FixedClock();
+    static void set(long sec, long usec = 0);
+    static long sec();
+};
+
+vesk_init_options_t init_options(const char *reporter = nullptr, const char *host = nullptr);
+vesk_metadata_t sampled_metadata();
+std::string xtrace_of(const vesk_metadata_t &md);
+// One event with Layer and Seq through the registry; what vesk_event_send
+// returns, or -999 when no event could be made.
+int send_event(vesk_metadata_t *md, const char *layer, int64_t seq);
+// A valid BSON document {"n": n, "pad": <pad bytes>}, 22 + pad bytes long.
+std::string padded_document(int32_t n, size_t pad);
+
+// A datagram socket bound on 127.0.0.1; port 0 picks a free one.
+class UdpListener {
+public:
+    explicit UdpListener(uint16_t port = 0);
+    ~UdpListener();
+    UdpListener(const UdpListener &) = delete;
+    UdpListener &operator=(const UdpListener &) = delete;
+    bool ok() const { return fd_ >= 0; }
+    uint16_t port() const { return port_; }
+    std::string target() const { return "127.0.0.1:" + std::to_string(port_); }
+    // One whole datagram, or nothing after the timeout.
+    std::optional<std::string> receive(int timeout_ms = 2000);
+
+private:
+    int fd_ = -1;
+    uint16_t port_ = 0;
+};
+
+// Base of the fixtures that decide or wait on the settings table: a
+// capturing reporter owns the registry for the whole suite.
+class SettingsFixture : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { reporter = new CaptureReporter(); }
+    static void TearDownTestSuite() { delete reporter; }
+    // The process's own table, emptied, and the configuration at its defaults.
+    static void fresh_settings(bool configuration = true);
+    static CaptureReporter *reporter;
+};
+
+// Decision input for a service: nothing custom, no headers.
+vesk_tracing_decisions_in_t decisions_in(const char *service, int request_type = 0);
+
+}  // namespace corvidine_test
