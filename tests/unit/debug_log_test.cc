@@ -75,23 +75,6 @@ TEST_F(DebugLogTest, CallbackSlots) {
     EXPECT_EQ(0, vesk_debug_log_add(collect, &d, VESK_DEBUG_HIGH));
 }
 
-TEST_F(DebugLogTest, FileTargetAndNoStream) {
-    char path[] = "/tmp/corvidine-log-XXXXXX";
-    close(mkstemp(path));
-    ASSERT_EQ(0, vesk_debug_log_to_file(path));
-    vesk_debug_logger(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_ERROR, "f", 1, "to the file");
-    std::vector<std::string> seen;
-    vesk_debug_log_add(collect, &seen, VESK_DEBUG_HIGH);
-    ASSERT_EQ(0, vesk_debug_log_to_file(""));
-    vesk_debug_logger(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_ERROR, "f", 2, "callbacks only");
-    EXPECT_EQ(1u, seen.size());
-    std::string text = corvidine_test::read_file(path);
-    EXPECT_TRUE(corvidine_test::has(text, "to the file"));
-    EXPECT_FALSE(corvidine_test::has(text, "callbacks only"));
-    EXPECT_NE(0, vesk_debug_log_to_file("/nonexistent-dir/x/log"));
-    unlink(path);
-}
-
 TEST_F(DebugLogTest, UsageCounterLogsFirstAtBaseLevelThenMedium) {
     std::vector<std::string> seen;
     vesk_debug_log_level_set(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_MEDIUM);

@@ -26,7 +26,7 @@ class EventTest : public ::testing::Test {
 protected:
     corvidine_test::CaptureReporter reporter_;
     vesk_metadata_t md_ = corvidine_test::sampled_metadata();
-    std::string last_document() { return decode_bson(reporter_.documents().back().bytes).at(0); }
+    std::string last_document() { return decode_bson(reporter_.documents.back().second).at(0); }
 };
 
 TEST_F(EventTest, StampedKeysFrameTheCallersKeysInOrderAndTypes) {
@@ -42,8 +42,8 @@ TEST_F(EventTest, StampedKeysFrameTheCallersKeysInOrderAndTypes) {
     EXPECT_EQ(0, vesk_event_add_info(&evt, "Nothing", nullptr));
     EXPECT_EQ(0, vesk_event_add_info(&evt, "Long", (big + "y").c_str()));
     int sent = vesk_event_send(VESK_SEND_STATUS, &evt, &md_);
-    ASSERT_EQ(static_cast<int>(reporter_.documents().at(0).bytes.size()), sent);
-    EXPECT_EQ(VESK_SEND_STATUS, reporter_.documents()[0].channel);
+    ASSERT_EQ(static_cast<int>(reporter_.documents.at(0).second.size()), sent);
+    EXPECT_EQ(VESK_SEND_STATUS, reporter_.documents[0].first);
     std::string d = last_document();
     EXPECT_EQ(0u, d.find("[[\"_V\", [\"string\", \"1\"]], [\"X-Trace\", [\"string\", \"" + evt_id +
                          "\"]], [\"Edge\", [\"string\", \"" + parent_op +
@@ -72,15 +72,15 @@ TEST_F(EventTest, SendChecksAndTheirCodes) {
     EXPECT_EQ(-1, vesk_event_add_edge(&evt, &other)) << "an edge from another task";
     EXPECT_EQ(size, vesk_bson_buffer_size(&evt.buffer));
     EXPECT_EQ(-1, vesk_event_add_edge_fromstr(&evt, "zz", 2));
-    EXPECT_TRUE(reporter_.documents().empty());
+    EXPECT_TRUE(reporter_.documents.empty());
     vesk_event_destroy(&evt);
 
     ASSERT_EQ(0, vesk_metadata_create_event(&md_, &evt));
     vesk_metadata_t copy = md_;
-    reporter_.set_send_result(10);
+    reporter_.send_result = 10;
     EXPECT_EQ(10, vesk_event_send(VESK_SEND_EVENT, &evt, &md_)) << "a short result is passed on";
     EXPECT_LT(vesk_event_send(VESK_SEND_EVENT, &evt, &copy), 0) << "an event goes once";
-    EXPECT_EQ(1u, reporter_.documents().size());
+    EXPECT_EQ(1u, reporter_.documents.size());
     vesk_event_destroy(&evt);
 
     ASSERT_EQ(0, vesk_event_init(&evt, &invalid, nullptr));

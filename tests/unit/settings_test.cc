@@ -84,19 +84,6 @@ TEST_P(SettingsTable, LookupsFindLiveRecordsByTypeAndLayer) {
     EXPECT_EQ(0, add("alpha", 2));
 }
 
-TEST_P(SettingsTable, NamesAndKeysAreCutAt255Characters) {
-    std::string longer = std::string(255, 'm') + "tail";
-    ASSERT_EQ(0, add(longer, 3, 100, std::string(300, 'k').c_str()));
-    vesk_settings_t *cut = vesk_settings_get(3, longer.substr(0, 255).c_str());
-    ASSERT_NE(nullptr, cut);
-    EXPECT_EQ(longer.substr(0, 255), cut->layer);
-    EXPECT_EQ(std::string(255, 'k'), cut->signature_key);
-    vesk_settings_layer_entry_t *e = vesk_settings_entry_layer_get(longer.c_str());
-    ASSERT_NE(nullptr, e);
-    EXPECT_EQ(255u, strlen(e->name));
-    EXPECT_EQ(e, vesk_settings_entry_layer_get((longer + "more").c_str()));
-}
-
 TEST_P(SettingsTable, FullTableRefusesAndReusesTheOldestDeletedPlace) {
     for (int i = 0; i < VESK_SETTINGS_MAX_RECORDS; ++i) ASSERT_EQ(0, add("s" + std::to_string(i))) << i;
     EXPECT_EQ(-2, add("extra"));
@@ -150,17 +137,6 @@ TEST_P(SettingsTable, DeleteInvalidatesAndClearsTheEntryUpdateRewritesInPlace) {
     EXPECT_STREQ("key", r->signature_key) << "a null key keeps the old one";
     EXPECT_EQ(-2, vesk_settings_update("other", 3, 1, 0, 1, 1, caps, rates, nullptr));
     EXPECT_EQ(-2, vesk_settings_update("svc", 2, 1, 0, 1, 1, caps, rates, nullptr));
-}
-
-TEST_P(SettingsTable, LayerAddTouchesTheDefaultTimestampOnlyWhenAsked) {
-    ASSERT_EQ(0, add("", 2, 100));
-    vesk_settings_t *def = vesk_settings_get(2, "");
-    ASSERT_EQ(0, add("a", 3, 200, nullptr, 0));
-    EXPECT_EQ(100u, def->timestamp);
-    ASSERT_EQ(0, add("b", 3, 300, nullptr, 1));
-    EXPECT_EQ(300u, def->timestamp);
-    ASSERT_EQ(0, add("c", 2, 400, nullptr, 1));
-    EXPECT_EQ(300u, def->timestamp) << "a type-2 add leaves the default alone";
 }
 
 TEST_P(SettingsTable, GetValueTestsMagicThenFlagThenValue) {
@@ -301,9 +277,9 @@ TEST_F(SettingsReady, WaitsForTheDefaultRecordThenAsksTheReporter) {
     adder.join();
     EXPECT_GE(waited, 25);
     EXPECT_LT(waited, 10000) << "stopped once the record was there";
-    reporter->table()->get_server_response = [](void *) { return VESK_SERVER_RESPONSE_TRY_LATER; };
+    reporter->table.get_server_response = [](void *) { return VESK_SERVER_RESPONSE_TRY_LATER; };
     EXPECT_EQ(VESK_SERVER_RESPONSE_TRY_LATER, vesk_is_ready(1000)) << "the reporter's answer is the answer";
-    reporter->table()->get_server_response = [](void *) { return VESK_SERVER_RESPONSE_OK; };
+    reporter->table.get_server_response = [](void *) { return VESK_SERVER_RESPONSE_OK; };
 }
 
 }  // namespace

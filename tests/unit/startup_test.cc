@@ -1,10 +1,12 @@
 // Library start-up and registry: reporter choice, one start per process,
-// old option versions, the service key's cleaning, versions.
+// old option versions, the service key's cleaning, the null reporter, the Collector placeholder.
 #include <gtest/gtest.h>
 #include <string.h>
 #include <unistd.h>
 
 #include "corvidine/event.h"
+#include "corvidine/local_reporters.h"
+#include "corvidine/settings.h"
 #include "corvidine/startup.h"
 #include "support/harness.h"
 
@@ -14,6 +16,10 @@ namespace {
 
 class StartupTest : public ::testing::Test {
 protected:
+    static void SetUpTestSuite() {
+        vesk_ensure_init();  // its one-time set-up resets the log's callback slots
+        vesk_shutdown();
+    }
     void TearDown() override { vesk_shutdown(); }
 };
 
@@ -57,24 +63,35 @@ TEST_F(StartupTest, UnknownReporterNamesLeaveNoReporter) {
     EXPECT_STREQ(VESK_MISSING_SERVICE_KEY, vesk_init_options_get()->service_key);
 }
 
-TEST_F(StartupTest, ExtendedContextIsUnwrapped) {
-    corvidine_test::CaptureReporter capture;
-    vesk_reporter_t *table = capture.table();
-    void *plain = table->context;
-    EXPECT_EQ(plain, vesk_reporter_get_context(table));
-    EXPECT_EQ(nullptr, vesk_reporter_get_extended(table));
-    int inner = 0;
-    vesk_reporter_extended_t ext = {VESK_REPORTER_EXTENDED_MAGIC, 1, 32, nullptr, &inner};
-    table->context = &ext;
-    EXPECT_EQ(&inner, vesk_reporter_get_context(table));
-    EXPECT_EQ(&ext, vesk_reporter_get_extended(table));
-    table->context = plain;
+TEST_F(StartupTest, NullReporterTurnsSamplingOffAndTakesEverything) {
+    vesk_init_options_t o = init_options("null");
+    ASSERT_EQ(0, vesk_init(&o));
+    unsigned value = 12345;
+    uint16_t flags = 0;
+    ASSERT_EQ(0, vesk_settings_get_value(vesk_settings_get(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, ""), &value,
+                                         &flags, nullptr));
+    EXPECT_EQ(0u, value);
+    EXPECT_EQ(VESK_SETTINGS_FLAG_OVERRIDE, flags);
+    vesk_metadata_t md = corvidine_test::sampled_metadata();
+    EXPECT_GT(corvidine_test::send_event(&md, "null-test", 1), 0);
+    EXPECT_EQ(0, vesk_reporter_is_ready(nullptr));
+    vesk_reporter_t other;
+    ASSERT_EQ(0, vesk_reporter_init_null(&other, nullptr));
+    EXPECT_NE(&other, vesk_reporter_get()) << "a second reporter does not replace the current one";
+    other.destroy(other.context);
+    vesk_shutdown();
+    vesk_reporter_t own;
+    ASSERT_EQ(0, vesk_reporter_init_null(&own, nullptr));
+    EXPECT_EQ(3, vesk_raw_send(VESK_SEND_EVENT, "abc", 3)) << "with none current it becomes current";
+    EXPECT_EQ(0, _vesk_destroy_reporter(&own));
 }
 
-TEST(Versions, CheckVersion) {
-    EXPECT_STREQ("7.0.1", vesk_config_get_version_string());
-    const int cases[][3] = {{7, 0, 1}, {7, 1, 0}, {6, 9, 1}, {8, 0, 0}};
-    for (const auto &c : cases) EXPECT_EQ(c[2], vesk_config_check_version(c[0], c[1])) << c[0] << "." << c[1];
+TEST_F(StartupTest, SslSelectionFailsCleanlyUntilTheCollectorReporterExists) {
+    corvidine_test::LogCapture log;
+    vesk_init_options_t o = init_options("ssl");
+    EXPECT_EQ(VESK_REPORTER_INIT_NO_TABLE, vesk_init(&o));
+    EXPECT_TRUE(log.contains("SSL reporter is not available in this build"));
+    EXPECT_EQ(VESK_SEND_NO_REPORTER, vesk_raw_send(VESK_SEND_EVENT, "abc", 3));
 }
 
 }  // namespace

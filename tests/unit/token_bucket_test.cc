@@ -26,25 +26,6 @@ TEST(TokenBucket, TimedeltaIsInMicrosecondsWithoutWrapping) {
     EXPECT_EQ(int64_t{4000} * 1000000, vesk_bucket_timedelta(0, 0, 4000, 0));
 }
 
-TEST(TokenBucket, RefillAddsElapsedTimesRateUpToCapacity) {
-    Clock clock(1000);
-    vesk_bucket_t b = make(0.5f, 10, 1.0);
-    Clock::set(1000, 499999);
-    EXPECT_EQ(0, vesk_bucket_consume(&b)) << "just short of a whole token";
-    b = make(0.5f, 10, 1.0);
-    Clock::set(1000, 500000);
-    EXPECT_EQ(1, vesk_bucket_consume(&b)) << "0.5 + 500000 us at 1/s is one token";
-    EXPECT_EQ(500000, b.last_check.tv_usec);
-    b = make(0.0f, 1000, 250.0);
-    Clock::set(1001, 200000);
-    vesk_bucket_update_available(&b);
-    EXPECT_FLOAT_EQ(300.0f, b.available) << "no drift from per-microsecond steps";
-    b = make(3.0f, 5, 100.0);
-    Clock::set(2000);
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(1, vesk_bucket_consume(&b)) << i;
-    EXPECT_EQ(0, vesk_bucket_consume(&b)) << "capped at capacity";
-}
-
 TEST(TokenBucket, FullBucketKeepsLastCheckSoTheWholeSpellCounts) {
     Clock clock(1005);
     vesk_bucket_t b = make(10.0f, 10, 1.0, 1000);

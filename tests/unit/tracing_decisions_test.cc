@@ -73,8 +73,8 @@ class Decisions : public corvidine_test::SettingsFixture {
 protected:
     void SetUp() override { fresh_settings(); }  // after the clock: buckets take their creation time
     void TearDown() override {
-        reporter->table()->event_ready = ready_yes;
-        reporter->table()->context = reporter;
+        reporter->table.event_ready = ready_yes;
+        reporter->table.context = reporter;
     }
     static void add_record(const R &r, unsigned timestamp = 100) {
         const double rates[3] = {0, 0, 0};
@@ -126,74 +126,58 @@ protected:
 
 // Rates of 1000000 and flags without SAMPLE_START keep the dice out of the
 // outcome; the dice's randomness has its own test below.
+// clang-format off
 TEST_F(Decisions, DicePath) {
     run_cases({
-        {"default record samples", R{}, L{}, I{}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
+        {"default record", R{}, L{}, I{}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
         {"layer record wins", rec(1000000, 0x14, 3), L{}, I{}, E{0, 1, 1, 0, 1000000, 3}, C{1, 1, 1, 0, 0, 0, 0}},
-        {"custom rate beats local and remote", rec(0, 0x14), L{1, 5}, I{nullptr, 1000000}, E{0, 1, 1, 0, 1000000, 7},
-         C{1, 1, 1, 0, 0, 0, 0}},
-        {"local rate beats remote", rec(0, 0x14), L{-1, 1000000}, I{}, E{0, 1, 1, 0, 1000000, 1}, C{1, 1, 1, 0, 0, 0, 0}},
-        {"OVERRIDE caps a higher local rate", rec(500000, 0x16), L{-1, 1000000}, I{}, E{0, -1, 1, 0, 500000, 6},
-         C{1, 1, kAny, 0, 0, 0, 0}},
-        {"OVERRIDE of a layer, source 3", rec(500000, 0x16, 3), L{-1, 1000000}, I{}, E{0, -1, 1, 0, 500000, 3},
-         C{1, 1, kAny, 0, 0, 0, 0}},
-        {"OVERRIDE at an equal rate: remote source", rec(500000, 0x16), L{-1, 500000}, I{}, E{0, -1, 1, 0, 500000, 6},
-         C{1, 1, kAny, 0, 0, 0, 0}},
-        {"OVERRIDE keeps a lower local rate", rec(500000, 0x16), L{-1, 100000}, I{}, E{0, -1, 1, 0, 100000, 1},
-         C{1, 1, kAny, 0, 0, 0, 0}},
-        {"OVERRIDE caps the custom rate", rec(400000, 0x16), L{}, I{nullptr, 1000000}, E{0, -1, 1, 0, 400000, 6},
-         C{1, 1, kAny, 0, 0, 0, 0}},
-        {"OVERRIDE takes flags from local mode", rec(1000000, 0x12), L{1}, I{}, E{0, 0, 1, 0, 1000000, 6},
-         C{1, 0, 0, 0, 1, 0, 0}},
-        {"THROUGH_ALWAYS alone: start ignored", rec(1000000, 0x10), L{}, I{}, E{0, 0, 1, 0, 1000000, 6},
-         C{1, 0, 0, 0, 1, 0, 0}},
-        {"main bucket below one token", caps(0.9, 100, 100), L{}, I{}, E{0, 0, 1, 0, 1000000, 6}, C{1, 1, 0, 0, 0, 0, 1}},
+        {"custom rate first", rec(0, 0x14), L{1, 5}, I{nullptr, 1000000}, E{0, 1, 1, 0, 1000000, 7}, C{1, 1, 1, 0, 0, 0, 0}},
+        {"then local rate", rec(0, 0x14), L{-1, 1000000}, I{}, E{0, 1, 1, 0, 1000000, 1}, C{1, 1, 1, 0, 0, 0, 0}},
+        {"OVERRIDE caps local", rec(500000, 0x16), L{-1, 1000000}, I{}, E{0, -1, 1, 0, 500000, 6}, C{1, 1, kAny, 0, 0, 0, 0}},
+        {"OVERRIDE of a layer", rec(500000, 0x16, 3), L{-1, 1000000}, I{}, E{0, -1, 1, 0, 500000, 3}, C{1, 1, kAny, 0, 0, 0, 0}},
+        {"OVERRIDE, equal rate", rec(500000, 0x16), L{-1, 500000}, I{}, E{0, -1, 1, 0, 500000, 6}, C{1, 1, kAny, 0, 0, 0, 0}},
+        {"OVERRIDE, lower local", rec(500000, 0x16), L{-1, 100000}, I{}, E{0, -1, 1, 0, 100000, 1}, C{1, 1, kAny, 0, 0, 0, 0}},
+        {"OVERRIDE caps custom", rec(400000, 0x16), L{}, I{nullptr, 1000000}, E{0, -1, 1, 0, 400000, 6}, C{1, 1, kAny, 0, 0, 0, 0}},
+        {"OVERRIDE flags over local mode", rec(1000000, 0x12), L{1}, I{}, E{0, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 1, 0, 0}},
+        {"THROUGH_ALWAYS alone", rec(1000000, 0x10), L{}, I{}, E{0, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 1, 0, 0}},
+        {"under one token", caps(0.9, 100, 100), L{}, I{}, E{0, 0, 1, 0, 1000000, 6}, C{1, 1, 0, 0, 0, 0, 1}},
         {"remote flags 0", rec(1000000, 0), L{}, I{}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
         {"local mode 0", R{}, L{0}, I{}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"local mode 1 over remote 0", rec(1000000, 0), L{1}, I{}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
-        {"custom mode 0 beats local 1", R{}, L{1}, I{nullptr, -1, 0}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"custom mode 1 beats local 0", R{}, L{0}, I{nullptr, -1, 1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
-        {"SAMPLE_THROUGH alone starts nothing", rec(1000000, 0x08), L{}, I{}, E{-2, 0, 0, -1, 1000000, 6},
-         C{1, 0, 0, 0, 0, 0, 0}},
+        {"local mode 1, remote 0", rec(1000000, 0), L{1}, I{}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
+        {"custom mode 0, local 1", R{}, L{1}, I{nullptr, -1, 0}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
+        {"custom mode 1, local 0", R{}, L{0}, I{nullptr, -1, 1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
+        {"SAMPLE_THROUGH alone", rec(1000000, 0x08), L{}, I{}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
     });
 }
 
 TEST_F(Decisions, ThroughPath) {
     run_cases({
-        {"THROUGH_ALWAYS: no dice, no bucket", caps(0, 0, 0), L{}, I{&kSampled}, E{0, 1, 1, 0, 1000000, 6},
-         C{1, 0, 1, 1, 0, 0, 0}},
-        {"SAMPLE_THROUGH rolls the dice, no bucket", caps(0, 0, 0, rec(1000000, 0x0C)), L{}, I{&kSampled},
-         E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
-        {"neither through flag", rec(1000000, 0x04), L{}, I{&kSampled}, E{0, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"incoming not sampled", R{}, L{}, I{&kNotSampled}, E{-1, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"wrong version is absent", R{}, L{}, I{&kVersion1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
-        {"lower-case hex is absent", R{}, L{}, I{&kLowerCase}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
-        {"trigger with sampled X-Trace is ordinary", R{}, L{}, I{&kSampled, -1, -1, -1, 1}, E{0, 1, 1, 0, 1000000, 6},
-         C{1, 0, 1, 1, 0, 0, 0}},
-        {"trigger with unsampled X-Trace", R{}, L{}, I{&kNotSampled, -1, -1, -1, 1}, E{-1, 0, 1, 0, 1000000, 6},
-         C{1, 0, 0, 0, 0, 0, 0}},
-        {"not sampled, tracing disabled", rec(1000000, 0), L{}, I{&kNotSampled}, E{-2, 0, 0, -1, 1000000, 6},
-         C{1, 0, 0, 0, 0, 0, 0}},
+        {"THROUGH_ALWAYS: no dice or bucket", caps(0, 0, 0), L{}, I{&kSampled}, E{0, 1, 1, 0, 1000000, 6}, C{1, 0, 1, 1, 0, 0, 0}},
+        {"SAMPLE_THROUGH: dice", caps(0, 0, 0, rec(1000000, 0x0C)), L{}, I{&kSampled}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
+        {"neither flag", rec(1000000, 0x04), L{}, I{&kSampled}, E{0, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
+        {"not sampled", R{}, L{}, I{&kNotSampled}, E{-1, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
+        {"version 1 is absent", R{}, L{}, I{&kVersion1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
+        {"lower case is absent", R{}, L{}, I{&kLowerCase}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
+        {"trigger, sampled", R{}, L{}, I{&kSampled, -1, -1, -1, 1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 0, 1, 1, 0, 0, 0}},
+        {"trigger, not sampled", R{}, L{}, I{&kNotSampled, -1, -1, -1, 1}, E{-1, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
+        {"not sampled, disabled", rec(1000000, 0), L{}, I{&kNotSampled}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
     });
 }
 
 TEST_F(Decisions, TriggerPath) {
     run_cases({
-        {"no signature: strict bucket", caps(0, 0, 1), L{}, kTrigger, E{0, 1, 1, 1, 0, 0}, C{1, 0, 1, 0, 0, 1, 0}},
+        {"strict bucket", caps(0, 0, 1), L{}, kTrigger, E{0, 1, 1, 1, 0, 0}, C{1, 0, 1, 0, 0, 1, 0}},
         {"strict bucket empty", caps(100, 100, 0), L{}, kTrigger, E{-4, 0, 1, -1, 0, 0}, C{1, 0, 0, 0, 0, 0, 0}},
         {"local trigger 0", R{}, L{-1, -1, 0}, kTrigger, E{-3, 0, 1, -1, 0, 0}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"custom trigger 0 beats local", R{}, L{-1, -1, 1}, I{nullptr, -1, -1, 0, 1}, E{-3, 0, 1, -1, 0, 0},
-         C{1, 0, 0, 0, 0, 0, 0}},
-        {"custom trigger 1 beats local 0", R{}, L{-1, -1, 0}, I{nullptr, -1, -1, 1, 1}, E{0, 1, 1, 1, 0, 0},
-         C{1, 0, 1, 0, 0, 1, 0}},
-        {"OVERRIDE without TRIGGER_TRACE", rec(1000000, 0x16), L{}, kTrigger, E{-3, 0, 1, -1, 0, 0}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"OVERRIDE with TRIGGER_TRACE", rec(1000000, 0x36), L{}, kTrigger, E{0, 1, 1, 1, 0, 0}, C{1, 0, 1, 0, 0, 1, 0}},
-        {"tracing disabled stops first", rec(1000000, 0x20), L{}, kTrigger, E{-2, 0, 0, -1, 1000000, 6},
-         C{1, 0, 0, 0, 0, 0, 0}},
-        {"request_type -1 is ordinary", R{}, L{}, I{nullptr, -1, -1, -1, -1}, E{0, 1, 1, 0, 1000000, 6},
-         C{1, 1, 1, 0, 0, 0, 0}},
+        {"custom 0, local 1", R{}, L{-1, -1, 1}, I{nullptr, -1, -1, 0, 1}, E{-3, 0, 1, -1, 0, 0}, C{1, 0, 0, 0, 0, 0, 0}},
+        {"custom 1, local 0", R{}, L{-1, -1, 0}, I{nullptr, -1, -1, 1, 1}, E{0, 1, 1, 1, 0, 0}, C{1, 0, 1, 0, 0, 1, 0}},
+        {"OVERRIDE, no TRIGGER_TRACE", rec(1000000, 0x16), L{}, kTrigger, E{-3, 0, 1, -1, 0, 0}, C{1, 0, 0, 0, 0, 0, 0}},
+        {"OVERRIDE and TRIGGER_TRACE", rec(1000000, 0x36), L{}, kTrigger, E{0, 1, 1, 1, 0, 0}, C{1, 0, 1, 0, 0, 1, 0}},
+        {"tracing disabled first", rec(1000000, 0x20), L{}, kTrigger, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
+        {"request_type -1", R{}, L{}, I{nullptr, -1, -1, -1, -1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
     });
 }
+// clang-format on
 
 TEST_F(Decisions, ErrorPath) {
     vesk_tracing_decisions_out_t out;
@@ -206,17 +190,17 @@ TEST_F(Decisions, ErrorPath) {
     EXPECT_EQ(static_cast<uint32_t>(corvidine_test::FixedClock::sec()), cfg->no_settings_since);
 
     add_record(R{});
-    reporter->table()->context = nullptr;  // reporter gone: a signature is "not checked"
+    reporter->table.context = nullptr;  // reporter gone: a signature is "not checked"
     vesk_tracing_decisions_in_t in = corvidine_test::decisions_in("svc");
     in.header_signature = "abc";
     EXPECT_EQ(3, vesk_tracing_decisions(&in, &out));
     EXPECT_STREQ("reporter-not-ready", out.status_message);
     EXPECT_STREQ("not-checked", out.auth_message);
-    reporter->table()->context = reporter;
-    reporter->table()->event_ready = ready_no;
+    reporter->table.context = reporter;
+    reporter->table.event_ready = ready_no;
     EXPECT_EQ(5, decide(I{}, &out));
     EXPECT_STREQ("send-queue-full", out.status_message);
-    reporter->table()->event_ready = ready_yes;
+    reporter->table.event_ready = ready_yes;
     // Only the decision that got past the early checks was counted.
     EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->request_count);
 
@@ -264,16 +248,6 @@ TEST_F(Decisions, RefreshFollowsTimestampsAndRefillsBucketsOnlyThen) {
     EXPECT_EQ(1, sampled());
     EXPECT_EQ(1, sampled());
     EXPECT_EQ(0, sampled());
-}
-
-TEST_F(Decisions, NegativeBucketLimitsBecomeZeroWithAWarning) {
-    R r;
-    r.caps[1] = -5;
-    add_record(r);
-    vesk_tracing_decisions_out_t out;
-    EXPECT_EQ(0, decide(I{}, &out));
-    EXPECT_EQ(0.0f, cfg->bucket[1].available);
-    EXPECT_TRUE(log.contains("Invalid bucket capacity (-5.000000) for bucket 1. Using 0."));
 }
 
 TEST_F(Decisions, LayerChangeReachesTheDecisionOnlyThroughTheDefaultTimestamp) {

@@ -42,7 +42,7 @@ TEST(Utf8, EventStringsFromRawBytesDecodeStrictly) {
     std::string hostile = "custom-\xFF\xFE value \xC0\xAF and " + std::string(300, '\x9F');
     ASSERT_EQ(0, vesk_event_add_info(&evt, "Header", hostile.c_str()));
     ASSERT_GT(vesk_event_send(VESK_SEND_EVENT, &evt, &md), 0);
-    auto docs = corvidine_test::decode_bson(reporter.documents()[0].bytes);  // strict decoder
+    auto docs = corvidine_test::decode_bson(reporter.documents[0].second);  // strict decoder
     ASSERT_EQ(1u, docs.size());
     EXPECT_NE(std::string::npos, docs[0].find("custom-?? value ?? and ???")) << docs[0];
     vesk_event_destroy(&evt);

@@ -23,38 +23,23 @@
 
 namespace corvidine_test {
 
-namespace {
-int yes(void *) { return 1; }
-int zero(void *) { return 0; }
-}  // namespace
-
 CaptureReporter::CaptureReporter() {
     vesk_init_options_t options = init_options("null");
     vesk_init(&options);
     _vesk_destroy_reporter(nullptr);
-    table_.context = this;
-    table_.event_ready = table_.profiling_ready = table_.status_ready = table_.span_ready = yes;
-    table_.send = &CaptureReporter::send;
-    table_.destroy = zero;
-    table_.get_server_response = yes;  // VESK_SERVER_RESPONSE_OK
-    _vesk_reporter_register(&table_);
+    table.context = this;
+    table.event_ready = table.profiling_ready = table.status_ready = table.span_ready = [](void *) { return 1; };
+    table.get_server_response = [](void *) { return VESK_SERVER_RESPONSE_OK; };
+    table.destroy = [](void *) { return 0; };
+    table.send = [](void *ctx, int channel, const char *data, size_t len) -> ssize_t {
+        CaptureReporter *self = static_cast<CaptureReporter *>(ctx);
+        self->documents.emplace_back(channel, std::string(data, len));
+        return self->send_result < 0 ? static_cast<ssize_t>(len) : self->send_result;
+    };
+    _vesk_reporter_register(&table);
 }
 
-CaptureReporter::~CaptureReporter() { _vesk_destroy_reporter(&table_); }
-
-ssize_t CaptureReporter::send(void *ctx, int channel, const char *data, size_t len) {
-    CaptureReporter *self = static_cast<CaptureReporter *>(ctx);
-    self->documents_.push_back({channel, std::string(data, len)});
-    return self->send_result_ < 0 ? static_cast<ssize_t>(len) : self->send_result_;
-}
-
-std::string source_path(const std::string &relative) {
-    const char *root = getenv("CORVIDINE_SOURCE_DIR");
-#ifdef CORVIDINE_SOURCE_DIR
-    if (root == nullptr) root = CORVIDINE_SOURCE_DIR;
-#endif
-    return std::string(root ? root : ".") + "/" + relative;
-}
+CaptureReporter::~CaptureReporter() { _vesk_destroy_reporter(&table); }
 
 std::string make_temp_dir() {
     char tmpl[] = "/tmp/corvidine-test-XXXXXX";
@@ -63,9 +48,8 @@ std::string make_temp_dir() {
 }
 
 std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 
@@ -81,32 +65,26 @@ std::vector<std::string> list_dir(const std::string &dir) {
 }
 
 std::vector<std::string> decode_bson(const std::string &bytes) {
-    std::string dir = make_temp_dir(), in = dir + "/docs.bson";
+    std::string dir = make_temp_dir(), in = dir + "/docs.bson", out;
     std::ofstream(in, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    std::string cmd = "/usr/bin/python3 " + source_path("tests/support/bson_tools.py") + " json " + in;
-    std::vector<std::string> lines;
-    FILE *p = popen(cmd.c_str(), "r");
-    if (p == nullptr) {
-        ADD_FAILURE() << "cannot run " << cmd;
-        return lines;
-    }
-    std::string line;
-    for (int c; (c = fgetc(p)) != EOF;) {
-        if (c != '\n') {
-            line.push_back(static_cast<char>(c));
-            continue;
-        }
-        lines.push_back(line);
-        line.clear();
-    }
-    EXPECT_EQ(0, pclose(p)) << "decoder failed: " << (lines.empty() ? "" : lines.back());
+    const char *root = getenv("CORVIDINE_SOURCE_DIR");
+    FILE *p = popen(("/usr/bin/python3 " + std::string(root ? root : CORVIDINE_SOURCE_DIR) +
+                     "/tests/support/bson_tools.py json " + in)
+                        .c_str(),
+                    "r");
+    for (int c; p && (c = fgetc(p)) != EOF;) out.push_back(static_cast<char>(c));
+    EXPECT_EQ(0, p ? pclose(p) : -1) << "decoder failed: " << out;
     unlink(in.c_str());
     rmdir(dir.c_str());
+    std::vector<std::string> lines;
+    for (size_t at = 0, nl; (nl = out.find('\n', at)) != std::string::npos; at = nl + 1)
+        lines.push_back(out.substr(at, nl - at));
     return lines;
 }
 
 bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
+// Quiet on stderr, every level captured.
 LogCapture::LogCapture() {
     saved_level_ = vesk_debug_log_level_get();
     vesk_debug_log_to_stream(nullptr);
@@ -122,40 +100,34 @@ LogCapture::~LogCapture() {
 
 int LogCapture::level_of(const std::string &message) {
     std::lock_guard<std::mutex> lock(mu_);
-    for (const Line &line : lines_)
-        if (line.message == message) return line.level;
+    for (const auto &line : lines_)
+        if (line.second == message) return line.first;
     return -1;
 }
 
 bool LogCapture::contains(const std::string &part) {
     std::lock_guard<std::mutex> lock(mu_);
-    for (const Line &line : lines_)
-        if (has(line.message, part)) return true;
+    for (const auto &line : lines_)
+        if (has(line.second, part)) return true;
     return false;
 }
 
-void LogCapture::clear() {
-    std::lock_guard<std::mutex> lock(mu_);
-    lines_.clear();
-}
-
-void LogCapture::collect(void *ctx, int module, int level, const char *, int, const char *message) {
+void LogCapture::collect(void *ctx, int, int level, const char *, int, const char *message) {
     LogCapture *self = static_cast<LogCapture *>(ctx);
     std::lock_guard<std::mutex> lock(self->mu_);
-    self->lines_.push_back({module, level, message});
+    self->lines_.emplace_back(level, message);
 }
 
 namespace {
 std::atomic<long> g_sec{0}, g_usec{0};
-void fixed_clock(struct timeval *tv) {
-    tv->tv_sec = g_sec.load();
-    tv->tv_usec = g_usec.load();
-}
 }  // namespace
 
 FixedClock::FixedClock(long sec) {
     set(sec);
-    _vesk_clock_set(fixed_clock);
+    _vesk_clock_set([](struct timeval *tv) {
+        tv->tv_sec = g_sec.load();
+        tv->tv_usec = g_usec.load();
+    });
 }
 FixedClock::~FixedClock() { _vesk_clock_set(nullptr); }
 void FixedClock::set(long sec, long usec) {
@@ -189,7 +161,7 @@ std::string xtrace_of(const vesk_metadata_t &md) {
 
 int send_event(vesk_metadata_t *md, const char *layer, int64_t seq) {
     vesk_event_t evt;
-    if (vesk_metadata_create_event(md, &evt) != 0) return -999;
+    if (vesk_metadata_create_event(md, &evt) != 0) return -1;
     vesk_event_add_info(&evt, "Layer", layer);
     vesk_event_add_info_int64(&evt, "Seq", seq);
     int rc = vesk_event_send(VESK_SEND_EVENT, &evt, md);
@@ -220,7 +192,6 @@ UdpListener::UdpListener(uint16_t port) {
     if (bind(fd_, reinterpret_cast<sockaddr *>(&addr), len) != 0) {
         close(fd_);
         fd_ = -1;
-        return;
     }
     getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &len);
     port_ = ntohs(addr.sin_port);
@@ -232,9 +203,8 @@ UdpListener::~UdpListener() {
 
 std::optional<std::string> UdpListener::receive(int timeout_ms) {
     pollfd p{fd_, POLLIN, 0};
-    if (poll(&p, 1, timeout_ms) != 1) return std::nullopt;
     std::string buf(100000, '\0');
-    ssize_t n = recv(fd_, &buf[0], buf.size(), MSG_TRUNC);  // MSG_TRUNC shows a larger datagram
+    ssize_t n = poll(&p, 1, timeout_ms) == 1 ? recv(fd_, &buf[0], buf.size(), MSG_TRUNC) : -1;  // TRUNC: true size
     if (n < 0) return std::nullopt;
     buf.resize(static_cast<size_t>(n));
     return buf;

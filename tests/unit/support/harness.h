@@ -1,11 +1,10 @@
 // The one harness of the unit tests: a capturing reporter, the independent
-// BSON decoder, the debug-log capture, a hand-set clock, files and a UDP
-// listener.
+// BSON decoder (python3-bson), a debug-log capture, a hand-set clock, files
+// and a UDP listener.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <stdint.h>
-#include <sys/time.h>
 
 #include <mutex>
 #include <optional>
@@ -19,65 +18,41 @@
 
 namespace corvidine_test {
 
-struct CapturedDocument {
-    int channel;
-    std::string bytes;
-};
-
 // Starts the library with the null reporter (so this process owns the
-// registry) and puts a capturing table in its place.
+// registry) and puts a table that keeps every document in its place.
 class CaptureReporter {
 public:
     CaptureReporter();
     ~CaptureReporter();
-    const std::vector<CapturedDocument> &documents() const { return documents_; }
-    // What send returns: -1 means "the whole length".
-    void set_send_result(long result) { send_result_ = result; }
-    vesk_reporter_t *table() { return &table_; }
-
-private:
-    static ssize_t send(void *ctx, int channel, const char *data, size_t len);
-    vesk_reporter_t table_{};
-    std::vector<CapturedDocument> documents_;
-    long send_result_ = -1;
+    std::vector<std::pair<int, std::string>> documents;  // channel, bytes
+    long send_result = -1;                                // what send returns; -1: the whole length
+    vesk_reporter_t table{};
 };
 
-// Decodes BSON bytes with python3-bson; one JSON line per document, each
-// document a list of [key, [type, value]] pairs in document order.
+// One JSON line per document, each a list of [key, [type, value]] in order.
 std::vector<std::string> decode_bson(const std::string &bytes);
 bool has(const std::string &text, const std::string &part);
-
-std::string source_path(const std::string &relative);
 std::string make_temp_dir();
 std::string read_file(const std::string &path);
 std::vector<std::string> list_dir(const std::string &dir);  // sorted
 
-// Every debug-log line (all modules, every level) while it lives.
+// Every debug-log line while it lives.
 class LogCapture {
 public:
     LogCapture();
     ~LogCapture();
-    LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
-    // Level of the first line equal to `message`, or -1.
-    int level_of(const std::string &message);
+    int level_of(const std::string &message);  // of the first line equal to it, or -1
     bool contains(const std::string &part);
-    void clear();
 
 private:
-    struct Line {
-        int module, level;
-        std::string message;
-    };
     static void collect(void *ctx, int module, int level, const char *, int, const char *message);
     std::mutex mu_;
-    std::vector<Line> lines_;
+    std::vector<std::pair<int, std::string>> lines_;
     int saved_level_;
 };
 
 // The clock of buckets and settings, set by hand while it lives.
-class FixedClock {
-public:
+struct FixedClock {
     explicit FixedClock(long sec = 1700000000);
     ~FixedClock();
     static void set(long sec, long usec = 0);
@@ -87,8 +62,7 @@ public:
 vesk_init_options_t init_options(const char *reporter = nullptr, const char *host = nullptr);
 vesk_metadata_t sampled_metadata();
 std::string xtrace_of(const vesk_metadata_t &md);
-// One event with Layer and Seq through the registry; what vesk_event_send
-// returns, or -999 when no event could be made.
+// An event with Layer and Seq through the registry: what vesk_event_send returns.
 int send_event(vesk_metadata_t *md, const char *layer, int64_t seq);
 // A valid BSON document {"n": n, "pad": <pad bytes>}, 22 + pad bytes long.
 std::string padded_document(int32_t n, size_t pad);
@@ -98,13 +72,10 @@ class UdpListener {
 public:
     explicit UdpListener(uint16_t port = 0);
     ~UdpListener();
-    UdpListener(const UdpListener &) = delete;
-    UdpListener &operator=(const UdpListener &) = delete;
     bool ok() const { return fd_ >= 0; }
     uint16_t port() const { return port_; }
     std::string target() const { return "127.0.0.1:" + std::to_string(port_); }
-    // One whole datagram, or nothing after the timeout.
-    std::optional<std::string> receive(int timeout_ms = 2000);
+    std::optional<std::string> receive(int timeout_ms = 2000);  // one whole datagram
 
 private:
     int fd_ = -1;
