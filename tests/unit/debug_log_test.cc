@@ -75,6 +75,19 @@ TEST_F(DebugLogTest, CallbackSlots) {
     EXPECT_EQ(0, vesk_debug_log_add(collect, &d, VESK_DEBUG_HIGH));
 }
 
+TEST_F(DebugLogTest, FileTargetThenNoStream) {
+    std::string dir = corvidine_test::make_temp_dir(), path = dir + "/log";
+    ASSERT_EQ(0, vesk_debug_log_to_file(path.c_str()));
+    vesk_debug_logger(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_ERROR, "f", 1, "to the file");
+    ASSERT_EQ(0, vesk_debug_log_to_file(""));
+    vesk_debug_logger(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_ERROR, "f", 2, "to nowhere");
+    std::string text = corvidine_test::read_file(path);
+    EXPECT_TRUE(corvidine_test::has(text, "to the file") && !corvidine_test::has(text, "to nowhere")) << text;
+    EXPECT_NE(0, vesk_debug_log_to_file((dir + "/no/such/log").c_str()));
+    unlink(path.c_str());
+    rmdir(dir.c_str());
+}
+
 TEST_F(DebugLogTest, UsageCounterLogsFirstAtBaseLevelThenMedium) {
     std::vector<std::string> seen;
     vesk_debug_log_level_set(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_MEDIUM);

@@ -70,18 +70,6 @@ TEST(Metadata, MalformedStringsAreRefusedAndLeaveTheRecordAlone) {
     EXPECT_EQ(1, target.version);
 }
 
-TEST(Metadata, HexConversion) {
-    uint8_t out[2] = {0, 0};
-    EXPECT_EQ(0, vesk_htob(":@", 2, out));  // 0x3A -> 10, 0x40 -> 0: punctuation between digits and letters
-    EXPECT_EQ(0xA0, out[0]);
-    EXPECT_EQ(-1, vesk_htob("a0", 2, out));
-    EXPECT_EQ(-1, vesk_htob("/0", 2, out));
-    char buf[9] = {'\x01', '\xAB', '\xFF', '\x00'};
-    vesk_btoh(reinterpret_cast<uint8_t *>(buf), buf, 4);  // in place
-    buf[8] = 0;
-    EXPECT_STREQ("01ABFF00", buf);
-}
-
 TEST(Context, PerThreadAndUntouchedByAFailedParse) {
     vesk_metadata_t md = corvidine_test::sampled_metadata();
     vesk_context_set(&md);

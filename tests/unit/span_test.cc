@@ -19,35 +19,32 @@ struct FakeReporter {
     size_t limit = 1000;
     int ready = 1;
     std::set<std::string> names;
-    std::vector<std::string> limit_asks, spans;  // "service|name"; "service|name|duration|status|method|error"
+    std::vector<std::string> limit_asks, spans;  // "service|name"; "service|name|duration[|status|method|error]"
 
-    static FakeReporter *self(void *ctx) { return static_cast<FakeReporter *>(ctx); }
-    static int span_ready(void *ctx) { return self(ctx)->ready; }
-    static int within_limit(void *ctx, const char *service, const char *name) {
-        FakeReporter *r = self(ctx);
-        r->limit_asks.push_back(std::string(service) + "|" + name);
-        if (r->names.count(name) == 0 && r->names.size() >= r->limit) return 0;
-        r->names.insert(name);
-        return 1;
-    }
-    static int send_span(void *ctx, const char *service, const char *name, int64_t duration) {
-        self(ctx)->spans.push_back(std::string(service) + "|" + name + "|" + std::to_string(duration));
-        return 0;
-    }
-    static int send_http_span(void *ctx, const char *service, const char *name, int64_t duration, int status,
-                              const char *method, int has_error) {
-        self(ctx)->spans.push_back(std::string(service) + "|" + name + "|" + std::to_string(duration) + "|" +
-                                   std::to_string(status) + "|" + method + "|" + std::to_string(has_error));
-        return 0;
-    }
     vesk_reporter_t table() {
         vesk_reporter_t t;
         memset(&t, 0, sizeof(t));
         t.context = this;
-        t.span_ready = span_ready;
-        t.is_winthin_limit = within_limit;
-        t.send_span = send_span;
-        t.send_http_span = send_http_span;
+        t.span_ready = [](void *ctx) { return static_cast<FakeReporter *>(ctx)->ready; };
+        t.is_winthin_limit = [](void *ctx, const char *service, const char *name) {
+            FakeReporter *r = static_cast<FakeReporter *>(ctx);
+            r->limit_asks.push_back(std::string(service) + "|" + name);
+            if (r->names.count(name) == 0 && r->names.size() >= r->limit) return 0;
+            r->names.insert(name);
+            return 1;
+        };
+        t.send_span = [](void *ctx, const char *service, const char *name, int64_t duration) {
+            static_cast<FakeReporter *>(ctx)->spans.push_back(std::string(service) + "|" + name + "|" +
+                                                              std::to_string(duration));
+            return 0;
+        };
+        t.send_http_span = [](void *ctx, const char *service, const char *name, int64_t duration, int status,
+                              const char *method, int error) {
+            static_cast<FakeReporter *>(ctx)->spans.push_back(std::string(service) + "|" + name + "|" +
+                                                              std::to_string(duration) + "|" + std::to_string(status) +
+                                                              "|" + method + "|" + std::to_string(error));
+            return 0;
+        };
         return t;
     }
 };
@@ -136,54 +133,39 @@ TEST(TransactionName, LimitTurnsNewNamesIntoOther) {
 }
 
 // The process starts with no reporter: an unknown name records it as set up.
-class SpanSend : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() { ASSERT_EQ(2, vesk_init_reporter("no-such-reporter", nullptr)); }
-    void install() {
-        table_ = fake_.table();
-        _vesk_reporter_register(&table_);
-    }
-    void TearDown() override {
-        if (vesk_reporter_get() == &table_) _vesk_destroy_reporter(&table_);
-    }
-    FakeReporter fake_;
-    vesk_reporter_t table_;
-    char buf_[256];
-};
-
-TEST_F(SpanSend, ErrorCodesInOrder) {
-    vesk_span_params_t p = params("/a"), v3 = p;
+TEST(SpanSend, ErrorCodesInOrderThenPlainAndHttpSpansWhenMetricsAreWanted) {
+    ASSERT_EQ(2, vesk_init_reporter("no-such-reporter", nullptr));
+    char buf[256];
+    vesk_span_params_t p = params("http://host/shop/cart/42?x=1"), v3 = p;
     v3.version = 3;
-    EXPECT_EQ(VESK_SPAN_NO_PARAMS, vesk_span(buf_, sizeof(buf_), nullptr));
-    EXPECT_EQ(VESK_SPAN_NO_BUFFER, vesk_http_span(buf_, 0, &p));
-    EXPECT_EQ(VESK_SPAN_BAD_VERSION, vesk_span(buf_, sizeof(buf_), &v3));
-    EXPECT_EQ(VESK_SPAN_NO_REPORTER, vesk_http_span(buf_, sizeof(buf_), &p));
-    install();
-    fake_.ready = 0;
-    EXPECT_EQ(VESK_SPAN_NOT_READY, vesk_span(buf_, sizeof(buf_), &p));
-    table_.span_ready = nullptr;  // a table without the slot is not ready either
-    EXPECT_EQ(VESK_SPAN_NOT_READY, vesk_http_span(buf_, sizeof(buf_), &p));
-    EXPECT_TRUE(fake_.spans.empty());
-    EXPECT_TRUE(fake_.limit_asks.empty());
-}
-
-TEST_F(SpanSend, SendsPlainAndHttpSpansWhenMetricsAreWanted) {
-    install();
-    vesk_span_params_t p = params("http://host/shop/cart/42?x=1");
+    EXPECT_EQ(VESK_SPAN_NO_PARAMS, vesk_span(buf, sizeof(buf), nullptr));
+    EXPECT_EQ(VESK_SPAN_NO_BUFFER, vesk_http_span(buf, 0, &p));
+    EXPECT_EQ(VESK_SPAN_BAD_VERSION, vesk_span(buf, sizeof(buf), &v3));
+    EXPECT_EQ(VESK_SPAN_NO_REPORTER, vesk_http_span(buf, sizeof(buf), &p));
+    FakeReporter fake;
+    vesk_reporter_t table = fake.table();
+    _vesk_reporter_register(&table);
+    fake.ready = 0;
+    EXPECT_EQ(VESK_SPAN_NOT_READY, vesk_span(buf, sizeof(buf), &p));
+    EXPECT_TRUE(fake.spans.empty() && fake.limit_asks.empty());
+    fake.ready = 1;
     p.duration = 987654321L;
-    EXPECT_EQ(10, vesk_span(buf_, sizeof(buf_), &p));
-    EXPECT_STREQ("/shop/cart", buf_);
+    EXPECT_EQ(10, vesk_span(buf, sizeof(buf), &p));
+    EXPECT_STREQ("/shop/cart", buf);
     p.url = "/api";
     p.service = p.method = nullptr;  // null strings reach the reporter as empty
     p.status = 503;
     p.has_error = 1;
-    EXPECT_EQ(4, vesk_http_span(buf_, sizeof(buf_), &p));
+    EXPECT_EQ(4, vesk_http_span(buf, sizeof(buf), &p));
     p.do_metrics = 0;
-    EXPECT_EQ(4, vesk_http_span(buf_, sizeof(buf_), &p));
+    EXPECT_EQ(4, vesk_http_span(buf, sizeof(buf), &p));
     p.version = 1;  // do_metrics is read only from version 2
-    EXPECT_EQ(4, vesk_span(buf_, sizeof(buf_), &p));
+    EXPECT_EQ(4, vesk_span(buf, sizeof(buf), &p));
     EXPECT_EQ((std::vector<std::string>{"svc|/shop/cart|987654321", "|/api|987654321|503||1", "|/api|987654321"}),
-              fake_.spans);
+              fake.spans);
+    table.span_ready = nullptr;  // a table without the slot is not ready
+    EXPECT_EQ(VESK_SPAN_NOT_READY, vesk_span(buf, sizeof(buf), &p));
+    _vesk_destroy_reporter(&table);
 }
 
 }  // namespace

@@ -84,6 +84,13 @@ TEST_F(StartupTest, NullReporterTurnsSamplingOffAndTakesEverything) {
     ASSERT_EQ(0, vesk_reporter_init_null(&own, nullptr));
     EXPECT_EQ(3, vesk_raw_send(VESK_SEND_EVENT, "abc", 3)) << "with none current it becomes current";
     EXPECT_EQ(0, _vesk_destroy_reporter(&own));
+    vesk_reporter_t cleared, table;
+    memset(&cleared, 0, sizeof(cleared));
+    memset(&table, 0x33, sizeof(table));
+    EXPECT_EQ(0, vesk_reporter_udp_init(&table, "127.0.0.1", "7831")) << "an older entry point: clears only";
+    EXPECT_EQ(0, memcmp(&cleared, &table, sizeof(table)));
+    EXPECT_EQ(0, vesk_reporter_ssl_init(&table, nullptr) + vesk_reporter_udp_init_str(&table, "x") + vesk_reporter_destroy(&table));
+    EXPECT_EQ(-1, vesk_reporter_udp_init_str(nullptr, nullptr));
 }
 
 TEST_F(StartupTest, SslSelectionFailsCleanlyUntilTheCollectorReporterExists) {
@@ -92,6 +99,12 @@ TEST_F(StartupTest, SslSelectionFailsCleanlyUntilTheCollectorReporterExists) {
     EXPECT_EQ(VESK_REPORTER_INIT_NO_TABLE, vesk_init(&o));
     EXPECT_TRUE(log.contains("SSL reporter is not available in this build"));
     EXPECT_EQ(VESK_SEND_NO_REPORTER, vesk_raw_send(VESK_SEND_EVENT, "abc", 3));
+}
+
+TEST(Versions, CheckVersion) {
+    EXPECT_STREQ("7.0.1", vesk_config_get_version_string());
+    const int cases[][3] = {{7, 0, 1}, {7, 1, 0}, {6, 9, 1}, {8, 0, 0}};
+    for (const auto &c : cases) EXPECT_EQ(c[2], vesk_config_check_version(c[0], c[1])) << c[0] << "." << c[1];
 }
 
 }  // namespace
