@@ -6,56 +6,36 @@ corvidine
 <?php
 require __DIR__ . '/../support/child.inc';
 $cases = [
-    // row of phpinfo()'s start-up options, INI entries, environment
-    ['max transactions', ['corvidine.max_transactions' => 70], ['CORVIDINE_MAX_TRANSACTIONS' => '90']],
-    ['max transactions', [], ['CORVIDINE_MAX_TRANSACTIONS' => '99999999999']],
-    ['max flush wait time', ['corvidine.max_flush_wait_time' => 100], ['CORVIDINE_FLUSH_MAX_WAIT_TIME' => '200']],
-    ['events flush interval', ['corvidine.events_flush_interval' => 3], ['CORVIDINE_EVENTS_FLUSH_INTERVAL' => '4']],
-    ['events flush batch size', ['corvidine.events_flush_batchsize' => 10], ['CORVIDINE_EVENTS_FLUSH_BATCH_SIZE' => '20']],
-    ['ec2 metadata timeout', ['corvidine.ec2_metadata_timeout' => 5], ['CORVIDINE_EC2_METADATA_TIMEOUT' => '6']],
-    ['hostname alias', ['corvidine.hostname_alias' => 'ini-host'], ['CORVIDINE_HOSTNAME_ALIAS' => 'env-host']],
-    ['log level', ['corvidine.debug_level' => 1], []],
-    ['log level', ['corvidine.debug_level' => 1], ['CORVIDINE_DEBUG_LEVEL' => '0']],
-    ['log level', ['corvidine.debug_level' => 1], ['CORVIDINE_DEBUG_LEVEL' => '-1']],   // only digit-led values count
-    ['log level', ['corvidine.debug_level' => 1], ['CORVIDINE_DEBUG_LEVEL' => ' 3']],
-    ['log level', ['corvidine.debug_level' => 1], ['CORVIDINE_DEBUG_LEVEL' => '3x']],
-    ['buffer size', [], ['CORVIDINE_BUFSIZE' => '500']],
-    ['histogram precision', [], ['CORVIDINE_HISTOGRAM_PRECISION' => '3']],
-    ['token bucket capacity', [], ['CORVIDINE_TOKEN_BUCKET_CAPACITY' => '8']],
-    ['token bucket rate', [], ['CORVIDINE_TOKEN_BUCKET_RATE' => 'x9']],
-    ['file single', [], ['CORVIDINE_REPORTER_FILE_SINGLE' => '1']],
-    ['collector', [], ['CORVIDINE_COLLECTOR' => 'collector.example:443']],
-    ['trusted path', [], ['CORVIDINE_TRUSTEDPATH' => '/etc/trust.pem']],
-    ['trace metrics', [], ['CORVIDINE_TRACE_METRICS' => 'false']],   // exactly "true" or "false"
-    ['trace metrics', [], ['CORVIDINE_TRACE_METRICS' => 'FALSE']],
+    // row of phpinfo()'s start-up options, INI entries, environment, the value shown
+    ['max transactions', ['corvidine.max_transactions' => 70], ['CORVIDINE_MAX_TRANSACTIONS' => '90'], '90'],
+    ['max transactions', [], ['CORVIDINE_MAX_TRANSACTIONS' => '99999999999'], '2147483647'],
+    ['max flush wait time', ['corvidine.max_flush_wait_time' => 100], ['CORVIDINE_FLUSH_MAX_WAIT_TIME' => '200'], '200'],
+    ['events flush interval', ['corvidine.events_flush_interval' => 3], ['CORVIDINE_EVENTS_FLUSH_INTERVAL' => '4'], '4'],
+    ['events flush batch size', ['corvidine.events_flush_batchsize' => 10], ['CORVIDINE_EVENTS_FLUSH_BATCH_SIZE' => '20'], '20'],
+    ['ec2 metadata timeout', ['corvidine.ec2_metadata_timeout' => 5], ['CORVIDINE_EC2_METADATA_TIMEOUT' => '6'], '6'],
+    ['hostname alias', ['corvidine.hostname_alias' => 'ini-host'], ['CORVIDINE_HOSTNAME_ALIAS' => 'env-host'], 'env-host'],
+    ['log level', ['corvidine.debug_level' => 1], [], '1'],
+    ['log level', ['corvidine.debug_level' => 1], ['CORVIDINE_DEBUG_LEVEL' => '0'], '0'],
+    ['log level', ['corvidine.debug_level' => 1], ['CORVIDINE_DEBUG_LEVEL' => '-1'], '1'],   // only digit-led values count
+    ['log level', ['corvidine.debug_level' => 1], ['CORVIDINE_DEBUG_LEVEL' => ' 3'], '1'],
+    ['log level', ['corvidine.debug_level' => 1], ['CORVIDINE_DEBUG_LEVEL' => '3x'], '3'],
+    ['buffer size', [], ['CORVIDINE_BUFSIZE' => '500'], '500'],
+    ['histogram precision', [], ['CORVIDINE_HISTOGRAM_PRECISION' => '3'], '3'],
+    ['token bucket capacity', [], ['CORVIDINE_TOKEN_BUCKET_CAPACITY' => '8'], '8'],
+    ['token bucket rate', [], ['CORVIDINE_TOKEN_BUCKET_RATE' => 'x9'], 'not set'],
+    ['file single', [], ['CORVIDINE_REPORTER_FILE_SINGLE' => '1'], '1'],
+    ['collector', [], ['CORVIDINE_COLLECTOR' => 'collector.example:443'], 'collector.example:443'],
+    ['trusted path', [], ['CORVIDINE_TRUSTEDPATH' => '/etc/trust.pem'], '/etc/trust.pem'],
+    ['trace metrics', [], ['CORVIDINE_TRACE_METRICS' => 'false'], '0'],   // exactly "true" or "false"
+    ['trace metrics', [], ['CORVIDINE_TRACE_METRICS' => 'FALSE'], '1'],
 ];
-foreach ($cases as [$row, $ini, $env]) {
+foreach ($cases as [$row, $ini, $env, $expected]) {
     $r = vesk_child(null, ['corvidine.enable_cli' => 1, 'corvidine.service_key' => 'token:svc'] + $ini, $env + ['CORVIDINE_REPORTER' => 'null']);
-    echo str_pad($row, 24), json_encode($ini + $env), ' => ', vesk_info_rows($r['out'])[$row] ?? "no row: {$r['err']}", "\n";
+    $shown = vesk_info_rows($r['out'])[$row] ?? "no row ({$r['err']})";
+    echo $shown === $expected ? '' : "$row " . json_encode($ini + $env) . ": $shown, not $expected\n";
 }
 $hooks = fn($ini) => vesk_child('<?php echo count(preg_grep("/^corvidine_test_/", get_extension_funcs("corvidine"))) ? "some" : "none", " ", var_export(ini_set("corvidine.internal_test_hooks", "1"), true);', $ini)['out'];
-echo 'test hooks: ', $hooks([]), ' / ', $hooks(['corvidine.internal_test_hooks' => 1]), "\n";
+echo count($cases), ' cases done; test hooks: ', $hooks([]), ' / ', $hooks(['corvidine.internal_test_hooks' => 1]), "\n";
 ?>
 --EXPECT--
-max transactions        {"corvidine.max_transactions":70,"CORVIDINE_MAX_TRANSACTIONS":"90"} => 90
-max transactions        {"CORVIDINE_MAX_TRANSACTIONS":"99999999999"} => 2147483647
-max flush wait time     {"corvidine.max_flush_wait_time":100,"CORVIDINE_FLUSH_MAX_WAIT_TIME":"200"} => 200
-events flush interval   {"corvidine.events_flush_interval":3,"CORVIDINE_EVENTS_FLUSH_INTERVAL":"4"} => 4
-events flush batch size {"corvidine.events_flush_batchsize":10,"CORVIDINE_EVENTS_FLUSH_BATCH_SIZE":"20"} => 20
-ec2 metadata timeout    {"corvidine.ec2_metadata_timeout":5,"CORVIDINE_EC2_METADATA_TIMEOUT":"6"} => 6
-hostname alias          {"corvidine.hostname_alias":"ini-host","CORVIDINE_HOSTNAME_ALIAS":"env-host"} => env-host
-log level               {"corvidine.debug_level":1} => 1
-log level               {"corvidine.debug_level":1,"CORVIDINE_DEBUG_LEVEL":"0"} => 0
-log level               {"corvidine.debug_level":1,"CORVIDINE_DEBUG_LEVEL":"-1"} => 1
-log level               {"corvidine.debug_level":1,"CORVIDINE_DEBUG_LEVEL":" 3"} => 1
-log level               {"corvidine.debug_level":1,"CORVIDINE_DEBUG_LEVEL":"3x"} => 3
-buffer size             {"CORVIDINE_BUFSIZE":"500"} => 500
-histogram precision     {"CORVIDINE_HISTOGRAM_PRECISION":"3"} => 3
-token bucket capacity   {"CORVIDINE_TOKEN_BUCKET_CAPACITY":"8"} => 8
-token bucket rate       {"CORVIDINE_TOKEN_BUCKET_RATE":"x9"} => not set
-file single             {"CORVIDINE_REPORTER_FILE_SINGLE":"1"} => 1
-collector               {"CORVIDINE_COLLECTOR":"collector.example:443"} => collector.example:443
-trusted path            {"CORVIDINE_TRUSTEDPATH":"\/etc\/trust.pem"} => /etc/trust.pem
-trace metrics           {"CORVIDINE_TRACE_METRICS":"false"} => 0
-trace metrics           {"CORVIDINE_TRACE_METRICS":"FALSE"} => 1
-test hooks: none false / some false
+21 cases done; test hooks: none false / some false

@@ -33,13 +33,15 @@ echo 'unsampled: ', corvidine_test_event('L', 'unsampled', [[1, 'S', 'x']], 2 | 
 corvidine_test_set_context('2B' . str_repeat('00', 20) . str_repeat('B2', 8) . '01');
 echo 'invalid: ', corvidine_test_event('L', 'invalid', null, 0), "\n";
 PHP);
+$shown = [];
 foreach ($first as [$key, [$type, $value]]) {
-    echo "$key $type ", match ($key) {
-        'X-Trace' => preg_match('/^2B(A1){20}[0-9A-F]{16}01$/', $value) ? 'same task, sampled' : "WRONG $value",
-        'Memory-Used', 'Memory-Used-Real', 'Memory-Peak', 'Memory-Peak-Real' => $value > 0 ? 'positive' : 'ZERO',
-        'TID', 'Timestamp_u', 'Hostname' => 'set',
-        default => json_encode($value) }, "\n";
+    $shown[] = "$key:$type" . match ($key) {
+        'X-Trace' => preg_match('/^2B(A1){20}[0-9A-F]{16}01$/', $value) ? '' : " WRONG $value",
+        'Memory-Used', 'Memory-Used-Real', 'Memory-Peak', 'Memory-Peak-Real' => $value > 0 ? '' : ' ZERO',
+        'TID', 'Timestamp_u', 'Hostname', '_V' => '',
+        default => '=' . json_encode($value) };
 }
+echo implode(" ", $shown), "\n";
 echo implode(',', vesk_keys($second)), "\n";
 
 echo "-- flags: 2 text backtrace, 4 BSON (2 wins), 8 arguments, 64 backtrace even when turned off\n";
@@ -50,7 +52,7 @@ foreach (['text' => 2, 'bson' => 4, 'both' => 6, 'forced' => 66, 'forced-bson' =
 }
 corvidine_test_event('L', 'args', [], 8, str_repeat('a', 2000), null);
 PHP;
-foreach ([[], ['corvidine.enable_backtrace' => 0], ['corvidine.enable_function_args' => 0]] as $ini) {
+foreach ([[], ['corvidine.enable_backtrace' => 0, 'corvidine.enable_function_args' => 0]] as $ini) {
     echo json_encode($ini), "\n";
     foreach (child($code, $ini) as $doc) {
         $parts = [];
@@ -86,28 +88,7 @@ foreach ($docs as $doc) {
 context moved on: yes, to the event: 2B%s
 unsampled: 0
 invalid: 0
-_V string "1"
-X-Trace string same task, sampled
-Label string "records"
-Layer string "a-layer"
-Memory-Used int64 positive
-Memory-Used-Real int64 positive
-Memory-Peak int64 positive
-Memory-Peak-Real int64 positive
-S string "text"
-I4 int64 -7
-I8 int64 -1099511627776
-D double -2.5
-B binary "610062"
-Doc document [["x",["int64",1]]]
-Edge string "E5E5E5E5E5E5E5E5"
-Backtrace string "#0 \/app\/f.php(4): f(String)\n#1 {main}"
-Edge string "F6F6F6F6F6F6F6F6"
-T bool true
-Edge string "B2B2B2B2B2B2B2B2"
-TID int64 set
-Timestamp_u int64 set
-Hostname string set
+_V:string X-Trace:string Label:string="records" Layer:string="a-layer" Memory-Used:int64 Memory-Used-Real:int64 Memory-Peak:int64 Memory-Peak-Real:int64 S:string="text" I4:int64=-7 I8:int64=-1099511627776 D:double=-2.5 B:binary="610062" Doc:document=[["x",["int64",1]]] Edge:string="E5E5E5E5E5E5E5E5" Backtrace:string="#0 \/app\/f.php(4): f(String)\n#1 {main}" Edge:string="F6F6F6F6F6F6F6F6" T:bool=true Edge:string="B2B2B2B2B2B2B2B2" TID:int64 Timestamp_u:int64 Hostname:string
 _V,X-Trace,Label,Memory-Used,Memory-Used-Real,Memory-Peak,Memory-Peak-Real,TID,Timestamp_u,Hostname
 -- flags: 2 text backtrace, 4 BSON (2 wins), 8 arguments, 64 backtrace even when turned off
 []
@@ -118,21 +99,13 @@ _V,X-Trace,Label,Memory-Used,Memory-Used-Real,Memory-Peak,Memory-Peak-Real,TID,T
   forced-bson  bson(corvidine_test_event,nested) text(1)
   plain        text(1)
   args         args(1,4,array,int64,1024,null)
-{"corvidine.enable_backtrace":0}
+{"corvidine.enable_backtrace":0,"corvidine.enable_function_args":0}
   text         
   bson         
   both         
   forced       text(2)
   forced-bson  bson(corvidine_test_event,nested)
   plain        
-  args         args(1,4,array,int64,1024,null)
-{"corvidine.enable_function_args":0}
-  text         text(2) text(1)
-  bson         bson(corvidine_test_event,nested) text(1)
-  both         text(2) text(1)
-  forced       text(2) text(1)
-  forced-bson  bson(corvidine_test_event,nested) text(1)
-  plain        text(1)
   args         
 -- the prepared exit event: state 2 hands its id to the next event; SN after the edge
 prepared 2B%s

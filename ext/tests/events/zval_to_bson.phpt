@@ -10,7 +10,7 @@ memory_limit=512M
 require __DIR__ . '/../support/child.inc';
 function show($value): void
 {
-    echo vesk_show(vesk_decode(corvidine_test_to_bson($value)[1])[0]);
+    echo vesk_show(vesk_decode(corvidine_test_to_bson($value)[1])[0]), "\n";
 }
 class Base { private $secret = 'base'; }
 #[AllowDynamicProperties]
@@ -38,7 +38,7 @@ show(['x' => $shared, 'y' => $shared, 'p' => $o, 'q' => $o]);   // the same valu
 
 echo "-- strings keep 1024 bytes; the length field counts the closing NUL\n";
 $bytes = corvidine_test_to_bson(['s' => str_repeat('x', 2000)])[1];
-var_dump(strlen(vesk_field(vesk_decode($bytes)[0], 's')[1]), unpack('V', $bytes, 7)[1], unpack('V', $bytes)[1] === strlen($bytes));
+echo strlen(vesk_field(vesk_decode($bytes)[0], 's')[1]), ' ', unpack('V', $bytes, 7)[1], ' ', unpack('V', $bytes)[1] === strlen($bytes) ? 'whole' : 'WRONG', "\n";
 
 echo "-- growth: doubling from 1024 bytes, what one write needs, 1024-byte steps past 1 MB\n";
 echo corvidine_test_to_bson([])[2], ' ', corvidine_test_to_bson(array_fill(0, 5, str_repeat('x', 1000)))[2], ' ',
@@ -80,47 +80,15 @@ echo $n, ' ', json_encode(vesk_decode($bytes)[0]), ' ', json_encode(vesk_keys(ve
 ?>
 --EXPECT--
 -- scalars; arrays are packed (4) only when the keys run 0, 1, 2, ...
-n:null=null
-f:bool=false
-i:int64=-9007199254740993
-d:double=-0.25
-s:string="a\u0000b"
--3:string="m"
-08:string="k"
-list:array
-  0:int64=1
-  1:int64=2
-one:document
-  1:string="a"
-empty:array
-order:document
-  1:string="b"
-  0:string="a"
-holed:document
-  0:int64=1
-  2:int64=3
+n:null=null f:bool=false i:int64=-9007199254740993 d:double=-0.25 s:string="a\u0000b" -3:string="m" 08:string="k" list:[0:int64=1 1:int64=2] one:{1:string="a"} empty:[] order:{1:string="b" 0:string="a"} holed:{0:int64=1 2:int64=3}
 resource: its id
 count 3
 -- objects by their properties (private and protected by bare name); cycles become null
-item:document
-  secret:string="base"
-  name:string="pub"
-  level:int64=2
-  next:null=null
-  dynamic:double=1.5
-closure:document
-a:int64=1
-me:null=null
-x:array
-  0:int64=1
-y:array
-  0:int64=1
-p:document
-q:document
+item:{secret:string="base" name:string="pub" level:int64=2 next:null=null dynamic:double=1.5} closure:{}
+a:int64=1 me:null=null
+x:[0:int64=1] y:[0:int64=1] p:{} q:{}
 -- strings keep 1024 bytes; the length field counts the closing NUL
-int(1024)
-int(1025)
-bool(true)
+1024 1025 whole
 -- growth: doubling from 1024 bytes, what one write needs, 1024-byte steps past 1 MB
 1024 8192 12051
 bool(true)

@@ -22,9 +22,8 @@ $checks = [
     'Timestamp_u' => fn($v) => intdiv($v, 1000000) >= $before - 1 && intdiv($v, 1000000) <= time() + 1,
     'Hostname' => fn($v) => $v === gethostname(),
 ];
-foreach ($inits[0] ?? [] as [$key, [$type, $value]]) {
-    echo "$key $type ", isset($checks[$key]) ? ($checks[$key]($value) ? 'ok' : 'WRONG ' . json_encode($value)) : json_encode($value), "\n";
-}
+echo implode(' ', array_map(fn($p) => "{$p[0]}:{$p[1][0]}=" . (isset($checks[$p[0]]) ? ($checks[$p[0]]($p[1][1]) ? 'ok'
+    : 'WRONG ' . json_encode($p[1][1])) : json_encode($p[1][1])), $inits[0] ?? [])), "\n";
 foreach ([['corvidine.so_file' => 'no-such-file.so'], ['corvidine.enable' => 0], ['corvidine.enable_cli' => 0]] as $ini) {
     $docs = vesk_child('<?php ', $ini + ['corvidine.enable_cli' => 1])['docs'];
     echo json_encode($ini), ': ', count(vesk_inits($docs)), ' __Init of ', count($docs), ', install timestamp ',
@@ -54,22 +53,7 @@ foreach (['same', 'other'] as $name) {
 ?>
 --EXPECT--
 1 __Init, 3 documents; stderr ''
-_V string "1"
-X-Trace string ok
-Layer string "PHP"
-Label string "single"
-__Init bool true
-PHP.Version string ok
-PHP.Corvidine.Version string "3.8.3"
-PHP.Debug.Version bool ok
-PHP.ZTS.Version bool ok
-PHP.SAPI.Version string "cli"
-PHP.InstallDirectory string ok
-PHP.InstallTimestamp int64 ok
-PHP.LastRestart int64 ok
-TID int64 ok
-Timestamp_u int64 ok
-Hostname string ok
+_V:string="1" X-Trace:string=ok Layer:string="PHP" Label:string="single" __Init:bool=true PHP.Version:string=ok PHP.Corvidine.Version:string="3.8.3" PHP.Debug.Version:bool=ok PHP.ZTS.Version:bool=ok PHP.SAPI.Version:string="cli" PHP.InstallDirectory:string=ok PHP.InstallTimestamp:int64=ok PHP.LastRestart:int64=ok TID:int64=ok Timestamp_u:int64=ok Hostname:string=ok
 {"corvidine.so_file":"no-such-file.so"}: 1 __Init of 3, install timestamp 0
 {"corvidine.enable":0}: 1 __Init of 1, install timestamp 0
 {"corvidine.enable_cli":0}: 0 __Init of 0, install timestamp -
