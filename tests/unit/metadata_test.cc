@@ -11,7 +11,6 @@
 #include <thread>
 
 #include "corvidine/context.h"
-#include "corvidine/digest.h"
 #include "corvidine/metadata.h"
 #include "corvidine/random.h"
 #include "support/harness.h"
@@ -104,23 +103,6 @@ TEST(Random, ValuesSpreadAndAForkedChildDoesNotRepeatTheParent) {
     close(fds[0]);
     close(fds[1]);
     EXPECT_NE(0, memcmp(parent_id, child_id, 8));
-}
-
-TEST(RumDigest, MatchesSha1sumOfPrefixedData) {
-    unsigned char digest[20];
-    unsigned int len = 0;
-    ASSERT_EQ(0, vesk_rum_create_digest("some user data", 14, digest, &len));
-    ASSERT_EQ(20u, len);
-    char hex[41];
-    vesk_btoh(digest, hex, 20);
-    hex[40] = 0;
-    for (char &c : hex) c = static_cast<char>(tolower(c));
-    char expected[41] = {0};
-    FILE *p = popen("printf 'RUMsome user data' | sha1sum", "r");
-    ASSERT_NE(nullptr, p);
-    ASSERT_EQ(1, fscanf(p, "%40s", expected));
-    pclose(p);
-    EXPECT_STREQ(expected, hex);
 }
 
 }  // namespace

@@ -103,22 +103,6 @@ TEST_F(Signatures, OutcomesOfTheCheck) {
     }
 }
 
-TEST_F(Signatures, GoodSignatureDrawsOnTheRelaxedBucketOthersOnTheStrict) {
-    const std::string options = "trigger-trace;ts=1700000000", good = openssl_hmac(kKey, options);
-    reset(kKey, /*relaxed=*/1, /*strict=*/0);
-    vesk_tracing_decisions_out_t out;
-    EXPECT_EQ(-4, decide(options.c_str(), "", kNow, 1, &out)) << "strict bucket is empty";
-    EXPECT_EQ(0, decide(options.c_str(), good, kNow, 1, &out));
-    EXPECT_EQ(-4, decide(options.c_str(), good, kNow, 1, &out)) << "relaxed bucket spent";
-    EXPECT_EQ(0, out.auth_status) << "the signature was still good";
-    reset(kKey, 1, 0);
-    EXPECT_EQ(-5, decide(options.c_str(), good, kNow + 1000, 1, &out));
-    EXPECT_EQ(0, decide(options.c_str(), good, kNow, 1, &out)) << "a refused timestamp took no token";
-    vesk_settings_layer_entry_t *e = vesk_settings_entry_layer_get("svc");
-    EXPECT_EQ(1u, e->triggered_count);
-    EXPECT_EQ(0u, e->sample_count) << "no dice on the trigger path";
-}
-
 TEST_F(Signatures, KeyComesFromTheResolvedRecordAndMayBeLong) {
     std::string long_key;  // the longest a record keeps
     for (int i = 0; i < 255; ++i) long_key += "abcdefghijklmnopqrstuvwxyz0123456789"[i % 36];

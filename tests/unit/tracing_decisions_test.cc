@@ -125,9 +125,7 @@ TEST_F(Decisions, DicePath) {
         {"then local rate", rec(0, 0x14), L{-1, 1000000}, I{}, E{0, 1, 1, 0, 1000000, 1}, C{1, 1, 1, 0, 0, 0, 0}},
         {"OVERRIDE caps local", rec(500000, 0x16), L{-1, 1000000}, I{}, E{0, -1, 1, 0, 500000, 6}, C{1, 1, kAny, 0, 0, 0, 0}},
         {"OVERRIDE of a layer", rec(500000, 0x16, 3), L{-1, 1000000}, I{}, E{0, -1, 1, 0, 500000, 3}, C{1, 1, kAny, 0, 0, 0, 0}},
-        {"OVERRIDE, equal rate", rec(500000, 0x16), L{-1, 500000}, I{}, E{0, -1, 1, 0, 500000, 6}, C{1, 1, kAny, 0, 0, 0, 0}},
         {"OVERRIDE, lower local", rec(500000, 0x16), L{-1, 100000}, I{}, E{0, -1, 1, 0, 100000, 1}, C{1, 1, kAny, 0, 0, 0, 0}},
-        {"OVERRIDE caps custom", rec(400000, 0x16), L{}, I{nullptr, 1000000}, E{0, -1, 1, 0, 400000, 6}, C{1, 1, kAny, 0, 0, 0, 0}},
         {"OVERRIDE flags over local mode", rec(1000000, 0x12), L{1}, I{}, E{0, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 1, 0, 0}},
         {"THROUGH_ALWAYS alone", rec(1000000, 0x10), L{}, I{}, E{0, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 1, 0, 0}},
         {"under one token", caps(0.9, 100, 100), L{}, I{}, E{0, 0, 1, 0, 1000000, 6}, C{1, 1, 0, 0, 0, 0, 1}},
@@ -135,7 +133,6 @@ TEST_F(Decisions, DicePath) {
         {"local mode 0", R{}, L{0}, I{}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
         {"local mode 1, remote 0", rec(1000000, 0), L{1}, I{}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
         {"custom mode 0, local 1", R{}, L{1}, I{nullptr, -1, 0}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"custom mode 1, local 0", R{}, L{0}, I{nullptr, -1, 1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
         {"SAMPLE_THROUGH alone", rec(1000000, 0x08), L{}, I{}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
     });
 }
@@ -147,10 +144,8 @@ TEST_F(Decisions, ThroughPath) {
         {"neither flag", rec(1000000, 0x04), L{}, I{&kSampled}, E{0, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
         {"not sampled", R{}, L{}, I{&kNotSampled}, E{-1, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
         {"version 1 is absent", R{}, L{}, I{&kVersion1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
-        {"lower case is absent", R{}, L{}, I{&kLowerCase}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
         {"trigger, sampled", R{}, L{}, I{&kSampled, -1, -1, -1, 1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 0, 1, 1, 0, 0, 0}},
         {"trigger, not sampled", R{}, L{}, I{&kNotSampled, -1, -1, -1, 1}, E{-1, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"not sampled, disabled", rec(1000000, 0), L{}, I{&kNotSampled}, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
     });
 }
 
@@ -160,11 +155,9 @@ TEST_F(Decisions, TriggerPath) {
         {"strict bucket empty", caps(100, 100, 0), L{}, kTrigger, E{-4, 0, 1, -1, 0, 0}, C{1, 0, 0, 0, 0, 0, 0}},
         {"local trigger 0", R{}, L{-1, -1, 0}, kTrigger, E{-3, 0, 1, -1, 0, 0}, C{1, 0, 0, 0, 0, 0, 0}},
         {"custom 0, local 1", R{}, L{-1, -1, 1}, I{nullptr, -1, -1, 0, 1}, E{-3, 0, 1, -1, 0, 0}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"custom 1, local 0", R{}, L{-1, -1, 0}, I{nullptr, -1, -1, 1, 1}, E{0, 1, 1, 1, 0, 0}, C{1, 0, 1, 0, 0, 1, 0}},
         {"OVERRIDE, no TRIGGER_TRACE", rec(1000000, 0x16), L{}, kTrigger, E{-3, 0, 1, -1, 0, 0}, C{1, 0, 0, 0, 0, 0, 0}},
         {"OVERRIDE and TRIGGER_TRACE", rec(1000000, 0x36), L{}, kTrigger, E{0, 1, 1, 1, 0, 0}, C{1, 0, 1, 0, 0, 1, 0}},
         {"tracing disabled first", rec(1000000, 0x20), L{}, kTrigger, E{-2, 0, 0, -1, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
-        {"request_type -1", R{}, L{}, I{nullptr, -1, -1, -1, -1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
     });
 }
 // clang-format on
@@ -191,7 +184,7 @@ TEST_F(Decisions, ErrorPath) {
     EXPECT_EQ(5, decide(I{}, &out));
     EXPECT_STREQ("send-queue-full", out.status_message);
     reporter->table.event_ready = ready_yes;
-    // Only the decision that got past the early checks was counted.
+    // None of them got as far as counting.
     EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->request_count);
 
     ASSERT_EQ(0, decide(I{}, &out));
@@ -299,7 +292,7 @@ TEST_F(Decisions, GarbageXTraceIsTreatedAsAbsent) {
     add_record(caps(1e9, 1e9, 1e9));
     std::vector<std::string> garbage = {"", "2B", kSampled + "00", kSampled.substr(0, 59), kSampled.substr(0, 58),
                                         "ZZ" + kSampled.substr(2), std::string(2000, 'A'), std::string(1 << 20, '2'),
-                                        kSampled + " "};
+                                        kSampled + " ", kLowerCase};
     std::mt19937 rng(12345);
     for (int i = 0; i < 200; ++i) {
         std::string s(1 + rng() % 300, '\0');

@@ -4,43 +4,36 @@ Backtraces: text of real stacks (as PHP's own trace text, every argument kind, e
 corvidine
 --INI--
 corvidine.internal_test_hooks=1
-precision=14
 --FILE--
 <?php
 require __DIR__ . '/../support/child.inc';
 $fh = fopen('php://memory', 'r');
-class Shelf
-{
-    public function take($what, ...$more) { return corvidine_test_backtrace(); }
-    public static function make(...$args) { return (new Shelf)->take(...$args); }
-}
-function outer($n) { return Shelf::make($n, 1/3, null, true, 'secret text', ['k' => 'v'], new ArrayObject([]), $GLOBALS['fh']); }
-
-echo "-- methods, static calls, every argument kind (no string data); precision follows the setting\n";
-echo str_replace("Resource id #" . (int)$fh . ")", 'Resource id #ID)', outer(7) . "\n" . explode("\n", (ini_set('precision', 4) ? outer(0) : ''))[1]), "\n";
-ini_set('precision', 14);
-
-echo "-- the same text as PHP's getTraceAsString(), and as built from debug_backtrace()\n";
-class Thrower
-{
-    public function go(int $n) { if ($n === 0) throw new LogicException('x'); $this->go($n - 1); }
-}
-try {
-    $a = [1];
-    array_walk($a, function () { (new Thrower)->go(2); });
-} catch (LogicException $e) {
-    echo corvidine_test_make_backtrace($e->getTrace()) === $e->getTraceAsString() ? "same\n" : "DIFFERENT\n";
-}
-function same_as_debug_backtrace($a, $b)
+echo "-- real stacks read as built from debug_backtrace(), and that as PHP's getTraceAsString() (methods, static\n";
+echo "   calls, every argument kind but strings, precision, eval, an internal function's callback)\n";
+function same(): string
 {
     $own = preg_replace('/^#0 [^\n]*\n/', '', corvidine_test_backtrace());   // ours starts at the hook
     $own = preg_replace_callback('/^#(\d+)/m', fn($m) => '#' . ($m[1] - 1), $own);
-    echo $own === corvidine_test_make_backtrace(debug_backtrace()) ? "same\n" : "DIFFERENT\n";
+    return $own === corvidine_test_make_backtrace(debug_backtrace()) ? 'same' : "DIFFERENT:\n$own";
 }
-same_as_debug_backtrace(1, [2]);
-
-echo "-- eval, an internal function's callback\n";
-echo eval('return corvidine_test_backtrace();'), "\n", implode('', array_map(fn($x) => corvidine_test_backtrace(), [10])), "\n";
+class Shelf
+{
+    public function take($what, ...$more) { if ($what === 0) throw new LogicException(); return same(); }
+    public static function make(...$args) { return (new Shelf)->take(...$args); }
+}
+$args = [1/3, null, true, -3, ['k' => 'v'], new ArrayObject([]), $fh];
+echo Shelf::make(7, 'secret text', ...$args), ' ', eval('return same();'), ' ', array_map(fn($x) => same(), [1])[0], "\n";
+foreach ([14, 4] as $precision) {
+    ini_set('precision', $precision);
+    try {
+        array_map(fn($x) => eval('return Shelf::make(0, ...$GLOBALS["args"]);'), [1]);
+    } catch (LogicException $e) {
+        $ours = corvidine_test_make_backtrace($e->getTrace());
+        echo $ours === $e->getTraceAsString() ? 'same ' : "DIFFERENT:\n$ours\n" . $e->getTraceAsString() . "\n";
+    }
+}
+function leak($s) { return corvidine_test_backtrace(); }
+echo "\n", str_contains(leak('secret text'), 'leak(String)') ? 'strings as String' : 'WRONG: ' . leak('secret text'), "\n";
 
 echo "-- limits: the hook, down(0), down(1), then {main}\n";
 function down($n, $limit) { return $n === 0 ? corvidine_test_backtrace($limit) : down($n - 1, $limit); }
@@ -79,24 +72,11 @@ foreach ([true, -42, 2.5, "a\0b", null, []] as $v) {
 echo "\n", corvidine_test_retval_kv($fh)[2] === (int)$fh && corvidine_test_retval_kv($o = new stdClass)[2] === spl_object_id($o) ? "ids\n" : "WRONG IDS\n";
 ?>
 --EXPECTF--
--- methods, static calls, every argument kind (no string data); precision follows the setting
-#0 %sbacktrace.php(%d): corvidine_test_backtrace()
-#1 %sbacktrace.php(%d): Shelf->take(7, 0.33333333333333, NULL, true, String, Array, Object(ArrayObject), Resource id #ID)
-#2 %sbacktrace.php(%d): Shelf::make(7, 0.33333333333333, NULL, true, String, Array, Object(ArrayObject), Resource id #ID)
-#3 %sbacktrace.php(%d): outer(7)
-#4 {main}
-#1 %sbacktrace.php(%d): Shelf->take(0, 0.3333, NULL, true, String, Array, Object(ArrayObject), Resource id #ID)
--- the same text as PHP's getTraceAsString(), and as built from debug_backtrace()
-same
-same
--- eval, an internal function's callback
-#0 %sbacktrace.php(%d) : eval()'d code(1): corvidine_test_backtrace()
-#1 %sbacktrace.php(%d): eval()
-#2 {main}
-#0 %sbacktrace.php(%d): corvidine_test_backtrace()
-#1 [internal function]: {closure}(10)
-#2 %sbacktrace.php(%d): array_map(Object(Closure), Array)
-#3 {main}
+-- real stacks read as built from debug_backtrace(), and that as PHP's getTraceAsString() (methods, static
+   calls, every argument kind but strings, precision, eval, an internal function's callback)
+same same same
+same same 
+strings as String
 -- limits: the hook, down(0), down(1), then {main}
 [1,"#0 %sbacktrace.php(%d): corvidine_test_backtrace(3)\n#1 %sbacktrace.php(%d): down(0, 3)\n#2 %sbacktrace.php(%d): down(1, 3)\n",3,true]
 302 #302 {main} 128
