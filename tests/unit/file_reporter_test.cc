@@ -21,13 +21,8 @@ using namespace corvidine_test;
 
 namespace {
 
-class FileReporterTest : public ::testing::Test {
+class FileReporterTest : public corvidine_test::LibraryFixture {
 protected:
-    static void SetUpTestSuite() {
-        vesk_ensure_init();  // its one-time set-up resets the log's callback slots
-        vesk_shutdown();
-    }
-    void SetUp() override { vesk_settings_delete(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, ""); }
     void TearDown() override {
         vesk_shutdown();
         EXPECT_EQ(0, system(("rm -rf '" + dir_ + "'").c_str()));

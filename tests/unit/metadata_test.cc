@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <set>
 #include <string>
 #include <thread>
 
@@ -82,11 +81,7 @@ TEST(Context, PerThreadAndUntouchedByAFailedParse) {
     EXPECT_FALSE(vesk_context_is_sampled());
 }
 
-TEST(Random, ValuesSpreadAndAForkedChildDoesNotRepeatTheParent) {
-    std::set<int> seen;
-    for (int i = 0; i < 1000; i++) seen.insert(vesk_rand_get_value());
-    EXPECT_GT(seen.size(), 990u);
-    EXPECT_GE(*seen.begin(), 0);
+TEST(Random, AForkedChildDoesNotRepeatTheParent) {
     uint8_t warm[8], parent_id[8], child_id[8];
     vesk_random_op_id(warm);  // leaves bytes in this thread's pool
     int fds[2];

@@ -14,14 +14,7 @@ using corvidine_test::init_options;
 
 namespace {
 
-class StartupTest : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        vesk_ensure_init();  // its one-time set-up resets the log's callback slots
-        vesk_shutdown();
-    }
-    void TearDown() override { vesk_shutdown(); }
-};
+using StartupTest = corvidine_test::LibraryFixture;
 
 TEST_F(StartupTest, OldOptionVersionsAreRefusedAndNothingStarts) {
     vesk_init_options_t old;
@@ -99,12 +92,6 @@ TEST_F(StartupTest, SslSelectionFailsCleanlyUntilTheCollectorReporterExists) {
     EXPECT_EQ(VESK_REPORTER_INIT_NO_TABLE, vesk_init(&o));
     EXPECT_TRUE(log.contains("SSL reporter is not available in this build"));
     EXPECT_EQ(VESK_SEND_NO_REPORTER, vesk_raw_send(VESK_SEND_EVENT, "abc", 3));
-}
-
-TEST(Versions, CheckVersion) {
-    EXPECT_STREQ("7.0.1", vesk_config_get_version_string());
-    const int cases[][3] = {{7, 0, 1}, {7, 1, 0}, {6, 9, 1}, {8, 0, 0}};
-    for (const auto &c : cases) EXPECT_EQ(c[2], vesk_config_check_version(c[0], c[1])) << c[0] << "." << c[1];
 }
 
 }  // namespace

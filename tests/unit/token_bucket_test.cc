@@ -62,15 +62,4 @@ TEST(TokenBucket, SmallEmptyAndUnrefilledCapacities) {
     EXPECT_EQ(0, vesk_bucket_consume(&b)) << "rate 0: what is there is all there will be";
 }
 
-TEST(TokenBucket, SetLimitsFillsCutsButNeverAdds) {
-    vesk_bucket_t b = make(-1.0f, 0, 0);
-    _vesk_bucket_set_limits(&b, 8, 2e-6);
-    EXPECT_EQ(8.0f, b.available) << "a never-filled bucket starts full";
-    b.available = 6.0f;
-    _vesk_bucket_set_limits(&b, 3, 0);
-    EXPECT_EQ(3.0f, b.available) << "a lowered capacity cuts what is held";
-    _vesk_bucket_set_limits(&b, 50, 0);
-    EXPECT_EQ(3.0f, b.available) << "a raised capacity adds nothing at once";
-}
-
 }  // namespace

@@ -19,14 +19,8 @@ using namespace corvidine_test;
 
 namespace {
 
-class UdpReporterTest : public ::testing::Test {
+class UdpReporterTest : public corvidine_test::LibraryFixture {
 protected:
-    static void SetUpTestSuite() {
-        vesk_ensure_init();  // its one-time set-up resets the log's callback slots
-        vesk_shutdown();
-    }
-    void SetUp() override { vesk_settings_delete(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, ""); }
-    void TearDown() override { vesk_shutdown(); }
     int start(const std::string &target) {
         target_ = target;
         vesk_init_options_t o = init_options("udp", target_.c_str());

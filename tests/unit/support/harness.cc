@@ -218,6 +218,12 @@ void SettingsFixture::fresh_settings(bool configuration) {
     if (configuration) vesk_settings_cfg_init(vesk_settings_cfg_get());
 }
 
+void LibraryFixture::SetUpTestSuite() {
+    vesk_ensure_init();
+    vesk_shutdown();
+}
+void LibraryFixture::SetUp() { vesk_settings_delete(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, ""); }
+
 vesk_tracing_decisions_in_t decisions_in(const char *service, int request_type) {
     vesk_tracing_decisions_in_t in;
     memset(&in, 0, sizeof(in));

@@ -93,6 +93,16 @@ protected:
     static CaptureReporter *reporter;
 };
 
+// Base of the fixtures that start and stop the library themselves: its
+// one-time set-up (which resets the log's callback slots) is behind them, no
+// reporter and no default settings record before each case.
+class LibraryFixture : public ::testing::Test {
+protected:
+    static void SetUpTestSuite();
+    void SetUp() override;
+    void TearDown() override { vesk_shutdown(); }
+};
+
 // Decision input for a service: nothing custom, no headers.
 vesk_tracing_decisions_in_t decisions_in(const char *service, int request_type = 0);
 
