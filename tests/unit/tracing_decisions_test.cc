@@ -1,8 +1,14 @@
 // The tracing decision, table-driven by path (dice, through, trigger), then
-// errors, refreshes, the dice's statistics and bad input. Signatures have a
-// file of their own.
+// errors, refreshes, the dice's statistics, bad input, signatures, token
+// buckets, and many threads deciding at once (this file runs under
+// ThreadSanitizer too).
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
 
 #include <random>
 #include <string>
@@ -28,6 +34,7 @@ struct R {
     int type = 2, flags = 0x14;
     unsigned value = 1000000;
     double caps[3] = {100, 100, 100};
+    const char *key = nullptr;
 };
 struct L {
     int mode = -1, rate = -1, trigger = -1;
@@ -35,6 +42,8 @@ struct L {
 struct I {
     const std::string *xtrace = nullptr;
     int custom_rate = -1, custom_mode = -1, custom_trigger = -1, request_type = 0;
+    const char *options = nullptr, *signature = nullptr;
+    long timestamp = 0;
 };
 constexpr unsigned kAny = ~0u;
 // Expected ret, do_sample (-1: any), do_metrics, decision_type, sample_rate,
@@ -77,7 +86,7 @@ protected:
         const double rates[3] = {0, 0, 0};
         if (r.type != 0)
             ASSERT_EQ(0, vesk_settings_add(r.type == 2 ? "" : "svc", r.type, r.value, r.flags, timestamp, 60,
-                                           r.caps, rates, nullptr, 0));
+                                           r.caps, rates, r.key, 0));
     }
     int decide(const I &i, vesk_tracing_decisions_out_t *out, const char *service = "svc") {
         vesk_tracing_decisions_in_t in = corvidine_test::decisions_in(service, i.request_type);
@@ -85,6 +94,9 @@ protected:
         in.custom_sample_rate = i.custom_rate;
         in.custom_tracing_mode = i.custom_mode;
         in.custom_trigger_mode = i.custom_trigger;
+        in.header_options = i.options;
+        in.header_signature = i.signature;
+        in.header_timestamp = i.timestamp;
         memset(out, 0, sizeof(*out));
         out->version = 2;
         out->decision_type = out->auth_status = 77;  // must be overwritten
@@ -308,6 +320,230 @@ TEST_F(Decisions, GarbageXTraceIsTreatedAsAbsent) {
         EXPECT_EQ(1, out.decision_type) << "a trigger request takes the trigger path";
     }
     EXPECT_TRUE(log.contains("vesk_sample_layer: passed in x-trace seems invalid, ignoring"));
+}
+
+// ---- Signatures ----------------------------------------------------------
+
+const long kNow = 1700000000;
+const char kKey[] = "k3Tq7XwPbnR2vLyd9HsA";
+
+// Lower-case hex HMAC-SHA1 of `data` under `key` (alphanumeric), from `openssl dgst`.
+std::string openssl_hmac(const std::string &key, const std::string &data) {
+    char path[] = "/tmp/corvidine-hmac-XXXXXX";
+    int fd = mkstemp(path);
+    EXPECT_EQ(static_cast<ssize_t>(data.size()), write(fd, data.data(), data.size()));
+    close(fd);
+    std::string output;
+    if (FILE *p = popen(("openssl dgst -sha1 -hmac " + key + " " + path + " 2>&1").c_str(), "r")) {
+        char buf[256];
+        while (fgets(buf, sizeof(buf), p)) output += buf;
+        EXPECT_EQ(0, pclose(p)) << output;
+    }
+    unlink(path);
+    size_t eq = output.rfind("= ");  // "HMAC-SHA1(<path>)= <40 hex digits>"
+    EXPECT_NE(std::string::npos, eq) << output;
+    return eq == std::string::npos ? "" : output.substr(eq + 2, 40);
+}
+
+TEST_F(Decisions, SignaturesAtTheirEdges) {  // the integration tests have the plain cases
+    const std::string options = "trigger-trace;ts=1700000000;custom-key=value";
+    const std::string good = openssl_hmac(kKey, options), wrong_key = openssl_hmac("wrongKey123", options);
+    const char *o = options.c_str();
+    struct Case {
+        const char *name, *key, *options;
+        std::string signature;
+        long ts;
+        int request_type, ret, auth, do_sample, decision_type;
+    } cases[] = {
+        {"good, now", kKey, o, good, kNow, 1, 0, 0, 1, 1},
+        {"good, 300 s ahead", kKey, o, good, kNow + 300, 1, 0, 0, 1, 1},
+        {"good, 300 s behind", kKey, o, good, kNow - 300, 1, 0, 0, 1, 1},
+        {"good, 301 s ahead", kKey, o, good, kNow + 301, 1, -5, 3, 0, -1},
+        {"good, 301 s behind", kKey, o, good, kNow - 301, 1, -5, 3, 0, -1},
+        {"good, no timestamp", kKey, o, good, 0, 1, -5, 3, 0, -1},
+        {"wrong key", kKey, o, wrong_key, kNow, 1, -5, 2, 0, -1},
+        {"one digit short", kKey, o, good.substr(0, 39), kNow, 1, -5, 2, 0, -1},
+        {"one digit more", kKey, o, good + "0", kNow, 1, -5, 2, 0, -1},
+        {"no options text", kKey, nullptr, good, kNow, 1, -5, 2, 0, -1},
+        {"empty options text", kKey, "", good, kNow, 1, -5, 2, 0, -1},
+        {"record has no key", nullptr, o, good, kNow, 1, -5, 1, 0, -1},
+        {"good on an ordinary request", kKey, o, good, kNow, 0, 0, 0, 1, 0},
+        {"bad on an ordinary request", kKey, o, wrong_key, kNow, 0, -5, 2, 0, -1},
+        {"empty signature is none", kKey, o, "", kNow, 1, 0, -1, 1, 1},
+    };
+    const char *auth_text[] = {"ok", "no-signature-key", "bad-signature", "bad-timestamp"};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        fresh_settings();
+        R r;
+        r.key = c.key;
+        add_record(r);
+        vesk_tracing_decisions_out_t out;
+        int ret = decide(I{nullptr, -1, -1, -1, c.request_type, c.options, c.signature.c_str(), c.ts}, &out);
+        EXPECT_EQ(c.ret, ret);
+        EXPECT_EQ(c.auth, out.auth_status);
+        EXPECT_STREQ(c.auth >= 0 ? auth_text[c.auth] : "", out.auth_message);
+        EXPECT_EQ(c.do_sample, out.do_sample);
+        EXPECT_EQ(c.decision_type, out.decision_type);
+        if (ret == -5) EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->triggered_count);
+    }
+}
+
+TEST_F(Decisions, SignatureKeyComesFromTheResolvedRecordAndMayBeLong) {
+    std::string long_key;  // the longest a record keeps
+    for (int i = 0; i < 255; ++i) long_key += "abcdefghijklmnopqrstuvwxyz0123456789"[i % 36];
+    const std::string options = "trigger-trace;ts=1700000000;pd-keys=a:b";
+    R def, layer = rec(1000000, 0x14, 3);
+    def.key = kKey;
+    layer.key = long_key.c_str();
+    add_record(def);
+    add_record(layer);
+    vesk_tracing_decisions_out_t out;
+    EXPECT_EQ(0, decide(I{nullptr, -1, -1, -1, 1, options.c_str(), openssl_hmac(long_key, options).c_str(), kNow}, &out));
+    EXPECT_EQ(-5, decide(I{nullptr, -1, -1, -1, 1, options.c_str(), openssl_hmac(kKey, options).c_str(), kNow}, &out))
+        << "not the default's key";
+}
+
+// ---- Token buckets, against a clock stepped by hand ----------------------
+
+using Clock = corvidine_test::FixedClock;
+
+// A bucket as a refresh leaves it; rate in tokens per second.
+vesk_bucket_t make(float available, double capacity, double per_second, long sec = 1000) {
+    vesk_bucket_t b;
+    b.available = available;
+    b.capacity = capacity;
+    b.rate_per_usec = per_second / 1e6;
+    b.last_check.tv_sec = sec;
+    b.last_check.tv_usec = 0;
+    return b;
+}
+
+TEST(TokenBucket, TimedeltaIsInMicrosecondsWithoutWrapping) {
+    EXPECT_EQ(1, vesk_bucket_timedelta(5, 999999, 6, 0));
+    EXPECT_EQ(-1500000, vesk_bucket_timedelta(12, 0, 10, 500000));
+    EXPECT_EQ(int64_t{4000} * 1000000, vesk_bucket_timedelta(0, 0, 4000, 0));
+}
+
+TEST(TokenBucket, FullBucketKeepsLastCheckSoTheWholeSpellCounts) {
+    Clock clock(1005);
+    vesk_bucket_t b = make(10.0f, 10, 1.0, 1000);
+    // The first token leaves last_check at 1000; the next refill counts all
+    // 5 s since then (capped), so five tokens at 1005 leave 6, not 5.
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(1, vesk_bucket_consume(&b));
+    EXPECT_EQ(6.0f, b.available);
+    Clock::set(1007);
+    vesk_bucket_update_available(&b);
+    EXPECT_EQ(8.0f, b.available);
+}
+
+TEST(TokenBucket, ClockSteppingBackNeitherDrainsNorRefills) {
+    Clock clock(990);
+    vesk_bucket_t b = make(0.25f, 10, 1000.0, 1000);
+    vesk_bucket_update_available(&b);
+    EXPECT_EQ(0.25f, b.available);
+    EXPECT_EQ(1000, b.last_check.tv_sec) << "kept, so time must pass it again";
+    Clock::set(1000, 750);
+    EXPECT_EQ(1, vesk_bucket_consume(&b));
+}
+
+TEST(TokenBucket, SmallEmptyAndUnrefilledCapacities) {
+    Clock clock(5000);
+    vesk_bucket_t b = make(0.0f, 0.99, 1000.0);
+    EXPECT_EQ(0, vesk_bucket_consume(&b)) << "below one token, however long it waits";
+    b = make(-1.0f, 0, 0);
+    EXPECT_EQ(0, vesk_bucket_consume(&b));
+    EXPECT_EQ(0.0f, b.available) << "the never-filled mark refills to 0";
+    b = make(2.0f, 2, 0);
+    EXPECT_EQ(1, vesk_bucket_consume(&b));
+    Clock::set(9999);
+    EXPECT_EQ(1, vesk_bucket_consume(&b));
+    EXPECT_EQ(0, vesk_bucket_consume(&b)) << "rate 0: what is there is all there will be";
+}
+
+// ---- Many threads ----------------------------------------------------------
+
+// A clock that moves one microsecond each time it is read, so the refill the
+// buckets may hand out is known exactly afterwards.
+std::atomic<long> g_ticks{0};
+void ticking_clock(struct timeval *tv) {
+    long t = g_ticks.fetch_add(1);
+    tv->tv_sec = 1700000000 + t / 1000000;
+    tv->tv_usec = t % 1000000;
+}
+
+class DecisionsConcurrency : public corvidine_test::SettingsFixture {
+protected:
+    void SetUp() override { _vesk_clock_set(ticking_clock); }
+    void TearDown() override { _vesk_clock_set(nullptr); }
+    static void start(double main, double strict, double rate, int flags = 0x14) {
+        fresh_settings();
+        const double caps[3] = {main, 0, strict}, rates[3] = {rate, 0, 0};
+        ASSERT_EQ(0, vesk_settings_add("", 2, 1000000, flags, 100, 60, caps, rates, nullptr, 0));
+    }
+    // `per_thread` decisions on each of `threads` threads; how many were sampled.
+    static long decide_everywhere(int threads, int per_thread, int request_type = 0) {
+        std::atomic<long> sampled{0}, wrong{0};
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t) {
+            pool.emplace_back([&] {
+                vesk_tracing_decisions_in_t in = corvidine_test::decisions_in("svc", request_type);
+                for (int i = 0; i < per_thread; ++i) {
+                    vesk_tracing_decisions_out_t out;
+                    memset(&out, 0, sizeof(out));
+                    int rc = vesk_tracing_decisions(&in, &out);
+                    if (rc != 0 && rc != -4) wrong++;
+                    sampled += out.do_sample;
+                }
+            });
+        }
+        for (std::thread &t : pool) t.join();
+        EXPECT_EQ(0, wrong.load());
+        return sampled.load();
+    }
+};
+
+TEST_F(DecisionsConcurrency, BucketWithoutRefillGivesExactlyItsCapacity) {
+    start(50, 0, 0);
+    EXPECT_EQ(50, decide_everywhere(8, 2000));
+    vesk_settings_layer_entry_t *e = vesk_settings_entry_layer_get("svc");
+    EXPECT_EQ(16000u, e->request_count);
+    EXPECT_EQ(16000u, e->sample_count);
+    EXPECT_EQ(50u, e->trace_count);
+    EXPECT_EQ(16000u - 50u, e->token_bucket_exhaustion_count);
+}
+
+TEST_F(DecisionsConcurrency, RefillNeverExceedsCapacityPlusRateTimesTime) {
+    start(20, 0, 1000);  // 20 tokens, then one per 1000 clock reads
+    long t0 = g_ticks.load();
+    long sampled = decide_everywhere(8, 5000);
+    double bound = 20 + static_cast<double>(g_ticks.load() - t0) * (1000 / 1e6);
+    EXPECT_LE(sampled, bound + 1e-6);
+    EXPECT_GT(sampled, 20) << "the rate must have refilled some";
+    EXPECT_EQ(static_cast<unsigned>(sampled), vesk_settings_entry_layer_get("svc")->trace_count);
+}
+
+TEST_F(DecisionsConcurrency, TriggerTracesShareTheStrictBucket) {
+    start(0, 7, 0, 0x34);
+    EXPECT_EQ(7, decide_everywhere(8, 500, /*request_type=*/1));
+    EXPECT_EQ(7u, vesk_settings_entry_layer_get("svc")->triggered_count);
+}
+
+TEST_F(DecisionsConcurrency, DecisionsRideThroughSettingsRewrites) {
+    start(1e9, 1e9, 0);
+    const double caps[3] = {1e9, 1e9, 1e9}, rates[3] = {0, 0, 0};
+    std::atomic<bool> stop{false};
+    std::thread rewriter([&] {
+        for (unsigned ts = 101; !stop.load(); ++ts) {  // new timestamps force refreshes
+            vesk_settings_update("", 2, 1000000, 0x14, ts, 60, caps, rates, (ts % 2) ? "a" : nullptr);
+            vesk_settings_add("svc", 3, 1000000, 0x14, ts, 60, caps, rates, nullptr, 1);
+            vesk_settings_delete(3, "svc");
+        }
+    });
+    long sampled = decide_everywhere(4, 3000);
+    stop = true;
+    rewriter.join();
+    EXPECT_EQ(12000, sampled) << "every decision found usable settings";
 }
 
 }  // namespace
