@@ -83,16 +83,4 @@ TEST_F(EventTest, SendChecksAndTheirCodes) {
     vesk_event_destroy(&evt);
 }
 
-std::string g_last_bson_error;
-
-TEST(BsonWriter, AppendToADestroyedBufferGoesToTheHandler) {
-    vesk_bson_buffer b;
-    ASSERT_NE(nullptr, vesk_bson_buffer_init(&b));
-    vesk_bson_buffer_destroy(&b);
-    vesk_bson_err_handler old = vesk_set_bson_err_handler([](const char *m) { g_last_bson_error = m; });
-    EXPECT_EQ(nullptr, vesk_bson_append_string(&b, "k", "v"));
-    EXPECT_EQ("trying to append to finished buffer", g_last_bson_error);
-    vesk_set_bson_err_handler(old);
-}
-
 }  // namespace

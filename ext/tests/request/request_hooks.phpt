@@ -33,7 +33,7 @@ check('again');
 $code = '<?php foreach ([43, 42, 41, 40] as $n) echo corvidine_test_log_trace_id($n), "|"; echo var_export(corvidine_test_log_append_trace_id("disk full"), true), var_export(corvidine_test_log_append_trace_id(null), true);';
 foreach ([['enabled', 1000000], ['sampled_only', 1000000], ['enabled', 0], ['sampled_only', 0], ['Enabled', 1000000]] as [$mode, $rate]) {
     $r = vesk_child($code, ['corvidine.enable_cli' => 1, 'corvidine.internal_test_hooks' => 1, 'corvidine.log_trace_id' => $mode, 'corvidine.sample_rate' => $rate]);
-    $entry = vesk_labelled($r['docs'], ['entry'])[0] ?? null;
+    $entry = current(array_filter($r['docs'], fn($d) => vesk_field($d, 'Label') === ['string', 'entry'])) ?: null;
     $task = substr(vesk_field($entry ?? [], 'X-Trace')[1] ?? '', 2, 40);
     echo "$mode, rate $rate: ", preg_replace_callback('/[0-9A-F]{40}/', fn($m) => $m[0] === $task ? 'TASK' : 'OTHER', $r['out']), "\n";
 }
