@@ -177,10 +177,7 @@ TEST_F(Decisions, TriggerPath) {
 TEST_F(Decisions, ErrorPath) {
     vesk_tracing_decisions_out_t out;
     EXPECT_EQ(4, decide(I{}, &out)) << "no usable settings record";
-    EXPECT_STREQ("settings-not-available", out.status_message);
-    EXPECT_EQ(-1, out.sample_rate);
-    EXPECT_EQ(2, out.sample_source);
-    EXPECT_EQ(0, out.do_metrics);
+    EXPECT_EQ((E{-1, 2, 0}), (E{out.sample_rate, out.sample_source, out.do_metrics}));
     EXPECT_TRUE(log.contains("Sampling disabled for svc until valid settings are retrieved."));
     EXPECT_EQ(static_cast<uint32_t>(corvidine_test::FixedClock::sec()), cfg->no_settings_since);
 
@@ -274,23 +271,17 @@ TEST_F(Decisions, DiceFollowsTheRateInclusively) {
 
 TEST_F(Decisions, OutOfRangeInputIsRefusedWithoutTouchingTheOutput) {
     add_record(R{});
-    void (*spoil[])(vesk_tracing_decisions_in_t *) = {
-        [](vesk_tracing_decisions_in_t *in) { in->version = 0; },
-        [](vesk_tracing_decisions_in_t *in) { in->version = 3; },
-        [](vesk_tracing_decisions_in_t *in) { in->custom_sample_rate = -2; },
-        [](vesk_tracing_decisions_in_t *in) { in->custom_sample_rate = 1000001; },
-        [](vesk_tracing_decisions_in_t *in) { in->custom_tracing_mode = 2; },
-        [](vesk_tracing_decisions_in_t *in) { in->custom_trigger_mode = -2; },
-        [](vesk_tracing_decisions_in_t *in) { in->request_type = 2; },
-        nullptr,  // no input at all
-    };
+    using In = vesk_tracing_decisions_in_t;
+    const std::pair<int In::*, int> spoil[] = {{&In::version, 0}, {&In::version, 3}, {&In::custom_sample_rate, -2},
+                                               {&In::custom_sample_rate, 1000001}, {&In::custom_tracing_mode, 2},
+                                               {&In::custom_trigger_mode, -2}, {&In::request_type, 2}, {nullptr, 0}};
     for (auto s : spoil) {
-        vesk_tracing_decisions_in_t in = corvidine_test::decisions_in("svc");
-        if (s) s(&in);
+        In in = corvidine_test::decisions_in("svc");
+        if (s.first) in.*s.first = s.second;
         vesk_tracing_decisions_out_t out, before;
         memset(&out, 0x5A, sizeof(out));
         before = out;
-        EXPECT_EQ(6, vesk_tracing_decisions(s ? &in : nullptr, &out));
+        EXPECT_EQ(6, vesk_tracing_decisions(s.first ? &in : nullptr, &out));  // null: no input at all
         EXPECT_STREQ("internal-error-bad-argument", out.status_message);
         out.status_message = before.status_message;
         EXPECT_EQ(0, memcmp(&before, &out, sizeof(out))) << "only status_message may change";
@@ -380,11 +371,8 @@ TEST_F(Decisions, SignaturesAtTheirEdges) {  // the integration tests have the p
         add_record(r);
         vesk_tracing_decisions_out_t out;
         int ret = decide(I{nullptr, -1, -1, -1, c.request_type, c.options, c.signature.c_str(), c.ts}, &out);
-        EXPECT_EQ(c.ret, ret);
-        EXPECT_EQ(c.auth, out.auth_status);
+        EXPECT_EQ((E{c.ret, c.auth, c.do_sample, c.decision_type}), (E{ret, out.auth_status, out.do_sample, out.decision_type}));
         EXPECT_STREQ(c.auth >= 0 ? auth_text[c.auth] : "", out.auth_message);
-        EXPECT_EQ(c.do_sample, out.do_sample);
-        EXPECT_EQ(c.decision_type, out.decision_type);
         if (ret == -5) EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->triggered_count);
     }
 }
