@@ -37,6 +37,8 @@ foreach ([0, 1, 2, 4, 8, 6, 66, 68, 10, 12] as $flags) {
 corvidine_test_set_service_name('svc');
 corvidine_test_exit_event(2);
 corvidine_test_event('layer', 'exit', $records, 2);
+corvidine_test_set_service_name(null);   // with request tracing off (corvidine.enable=0) request end leaves it
+corvidine_test_exit_event(0);
 unset($values, $self, $node, $nest, $chain, $n, $records);   // PHP's own cycles: the collector does not run at exit
 gc_collect_cycles();
 echo "done\n";
