@@ -1,11 +1,7 @@
 // Debug log: filtering, callback slots, targets, usage counters.
-#include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
-
-#include <string>
-#include <vector>
 
 #include "corvidine/debug_log.h"
 #include "support/harness.h"

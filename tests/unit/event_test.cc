@@ -1,12 +1,8 @@
 // Events: documents checked by an independent decoder, send checks and codes.
-#include <gtest/gtest.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <string>
-
 #include "corvidine/event.h"
-#include "corvidine/metadata.h"
 #include "support/harness.h"
 
 using corvidine_test::decode_bson;

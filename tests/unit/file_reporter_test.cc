@@ -1,20 +1,15 @@
 // File reporter against the real file system: what lands in the file, the
 // output path rule, single-file mode, open failures, the descriptor's close.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
-
 #include "corvidine/debug_log.h"
 #include "corvidine/event.h"
 #include "corvidine/local_reporters.h"
 #include "corvidine/settings.h"
-#include "corvidine/startup.h"
 #include "support/harness.h"
 
 using namespace corvidine_test;

@@ -1,17 +1,13 @@
 // A real fork(): the child notices its new process id at its first event,
 // rebuilds the reporter from the kept options (its own file, its own thread
 // id), and parent and child keep writing at once without losing a document.
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "corvidine/event.h"
-#include "corvidine/startup.h"
 #include "support/harness.h"
 
 using namespace corvidine_test;

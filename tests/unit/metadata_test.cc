@@ -1,16 +1,13 @@
 // Identifiers: string and binary forms, header codes, acceptance rules, the
 // per-thread context, random ids across fork, the RUM digest.
-#include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
 #include <thread>
 
 #include "corvidine/context.h"
-#include "corvidine/metadata.h"
 #include "corvidine/random.h"
 #include "support/harness.h"
 

@@ -1,13 +1,11 @@
 // Library start-up and registry: reporter choice, one start per process,
 // old option versions, the service key's cleaning, the null reporter, the Collector placeholder.
-#include <gtest/gtest.h>
 #include <string.h>
 #include <unistd.h>
 
 #include "corvidine/event.h"
 #include "corvidine/local_reporters.h"
 #include "corvidine/settings.h"
-#include "corvidine/startup.h"
 #include "support/harness.h"
 
 using corvidine_test::init_options;

@@ -2,7 +2,6 @@
 // errors, refreshes, the dice's statistics, bad input, signatures, token
 // buckets, and many threads deciding at once (this file runs under
 // ThreadSanitizer too).
-#include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -11,12 +10,9 @@
 #include <thread>
 
 #include <random>
-#include <string>
-#include <vector>
 
 #include "corvidine/settings.h"
 #include "corvidine/token_bucket.h"
-#include "corvidine/tracing_decisions.h"
 #include "support/harness.h"
 
 namespace {

@@ -2,17 +2,13 @@
 // datagram, the 65507-byte cut, no listener, target parsing, and targets that
 // cannot be resolved or connected.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <string.h>
 #include <unistd.h>
-
-#include <string>
 
 #include "corvidine/debug_log.h"
 #include "corvidine/event.h"
 #include "corvidine/local_reporters.h"
 #include "corvidine/settings.h"
-#include "corvidine/startup.h"
 #include "support/harness.h"
 
 using namespace corvidine_test;

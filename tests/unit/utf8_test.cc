@@ -1,7 +1,4 @@
 // UTF-8 checks, and request bytes reaching an event as valid BSON strings.
-#include <gtest/gtest.h>
-
-#include <string>
 
 #include "corvidine/event.h"
 #include "corvidine/utf8.h"
