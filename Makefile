@@ -7,7 +7,7 @@ PYTHON ?= /usr/bin/python3
 
 TSAN_BUILD ?= build-tsan
 
-.PHONY: bench-core bench-ext bench-http all deps build build-asan build-tsan run test test-unit test-tsan test-wire bench clean check-core-isolation
+.PHONY: coverage bench-core bench-ext bench-http all deps build build-asan build-tsan run test test-unit test-tsan test-wire bench clean check-core-isolation
 
 all: build
 
@@ -52,6 +52,10 @@ test-tsan: build-tsan
 test: deps
 	@tools/run-tests.sh
 
+# Line coverage of core/, reporters/ and ext/ by the unit and NTS extension tests.
+coverage: deps
+	@tools/coverage.sh
+
 # Every benchmark, each against a baseline measured in the same run.
 bench: bench-core bench-ext bench-http
 
@@ -69,4 +73,4 @@ bench-http: deps
 	@tools/bench-http.sh
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(TSAN_BUILD) build-logs
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(TSAN_BUILD) build-cov build-logs

@@ -21,7 +21,6 @@ protected:
     void SetUp() override {
         vesk_debug_log_init();
         vesk_maximum_log_level = VESK_DEBUG_INFO;
-        file_ = tmpfile();
         ASSERT_EQ(0, vesk_debug_log_to_stream(file_));
     }
     void TearDown() override {
@@ -29,14 +28,7 @@ protected:
         fclose(file_);
         vesk_maximum_log_level = VESK_DEBUG_INFO;
     }
-    std::string stream_text() {
-        fflush(file_);
-        rewind(file_);
-        std::string out;
-        for (int c; (c = fgetc(file_)) != EOF;) out.push_back(static_cast<char>(c));
-        return out;
-    }
-    FILE *file_ = nullptr;
+    FILE *file_ = tmpfile();
 };
 
 TEST_F(DebugLogTest, CallbackSlots) {
@@ -81,7 +73,9 @@ TEST_F(DebugLogTest, UsageCounterLogsFirstAtBaseLevelThenMedium) {
     ASSERT_EQ(2u, seen.size());
     EXPECT_EQ(std::to_string(VESK_DEBUG_ERROR), seen[0].substr(0, 1));
     EXPECT_EQ(std::to_string(VESK_DEBUG_MEDIUM), seen[1].substr(0, 1));
-    EXPECT_TRUE(corvidine_test::has(stream_text(), "Changing log detail level from 3 (info) to 5 (medium)"));
+    char text[256] = {0};
+    rewind(file_);
+    EXPECT_TRUE(fread(text, 1, sizeof(text) - 1, file_) > 0 && strstr(text, "Changing log detail level from 3 (info) to 5 (medium)"));
 }
 
 }  // namespace
