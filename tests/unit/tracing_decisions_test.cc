@@ -314,20 +314,14 @@ TEST_F(Decisions, GarbageXTraceIsTreatedAsAbsent) {
 const long kNow = 1700000000;
 const char kKey[] = "k3Tq7XwPbnR2vLyd9HsA";
 
-// Lower-case hex HMAC-SHA1 of `data` under `key` (alphanumeric), from `openssl dgst`.
+// Lower-case hex HMAC-SHA1 of `data` (no quotes in it) under `key` (alphanumeric), from `openssl dgst`.
 std::string openssl_hmac(const std::string &key, const std::string &data) {
-    char path[] = "/tmp/corvidine-hmac-XXXXXX";
-    int fd = mkstemp(path);
-    EXPECT_EQ(static_cast<ssize_t>(data.size()), write(fd, data.data(), data.size()));
-    close(fd);
     std::string output;
-    if (FILE *p = popen(("openssl dgst -sha1 -hmac " + key + " " + path + " 2>&1").c_str(), "r")) {
-        char buf[256];
-        while (fgets(buf, sizeof(buf), p)) output += buf;
+    if (FILE *p = popen(("printf %s '" + data + "' | openssl dgst -sha1 -hmac " + key).c_str(), "r")) {
+        for (int c; (c = fgetc(p)) != EOF;) output.push_back(static_cast<char>(c));
         EXPECT_EQ(0, pclose(p)) << output;
     }
-    unlink(path);
-    size_t eq = output.rfind("= ");  // "HMAC-SHA1(<path>)= <40 hex digits>"
+    size_t eq = output.rfind("= ");  // "HMAC-SHA1(stdin)= <40 hex digits>"
     EXPECT_NE(std::string::npos, eq) << output;
     return eq == std::string::npos ? "" : output.substr(eq + 2, 40);
 }
