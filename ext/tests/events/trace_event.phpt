@@ -53,7 +53,7 @@ foreach (['text' => 2, 'bson' => 4, 'both' => 6, 'forced' => 66, 'forced-bson' =
 corvidine_test_event('L', 'args', [], 8, str_repeat('a', 2000), null);
 PHP;
 foreach ([[], ['corvidine.enable_backtrace' => 0, 'corvidine.enable_function_args' => 0]] as $ini) {
-    echo json_encode($ini), "\n";
+    $shown = [];
     foreach (child($code, $ini) as $doc) {
         $parts = [];
         foreach ($doc as [$key, [$type, $value]]) {
@@ -64,8 +64,9 @@ foreach ([[], ['corvidine.enable_backtrace' => 0, 'corvidine.enable_function_arg
                 $parts[] = 'args(' . implode(',', array_map(fn($a) => $a[1][0] === 'string' ? strlen($a[1][1]) : $a[1][0], $value)) . ')';
             }
         }
-        printf("  %-12s %s\n", vesk_field($doc, 'Label')[1], implode(' ', $parts));
+        $shown[] = vesk_field($doc, 'Label')[1] . ': ' . implode(' ', $parts);
     }
+    echo json_encode($ini), "\n  ", implode(' | ', $shown), "\n";
 }
 
 echo "-- the prepared exit event: state 2 hands its id to the next event; SN after the edge\n";
@@ -92,21 +93,9 @@ _V:string X-Trace:string Label:string="records" Layer:string="a-layer" Memory-Us
 _V,X-Trace,Label,Memory-Used,Memory-Used-Real,Memory-Peak,Memory-Peak-Real,TID,Timestamp_u,Hostname
 -- flags: 2 text backtrace, 4 BSON (2 wins), 8 arguments, 64 backtrace even when turned off
 []
-  text         text(2) text(1)
-  bson         bson(corvidine_test_event,nested) text(1)
-  both         text(2) text(1)
-  forced       text(2) text(1)
-  forced-bson  bson(corvidine_test_event,nested) text(1)
-  plain        text(1)
-  args         args(1,4,array,int64,1024,null)
+  text: text(2) text(1) | bson: bson(corvidine_test_event,nested) text(1) | both: text(2) text(1) | forced: text(2) text(1) | forced-bson: bson(corvidine_test_event,nested) text(1) | plain: text(1) | args: args(1,4,array,int64,1024,null)
 {"corvidine.enable_backtrace":0,"corvidine.enable_function_args":0}
-  text         
-  bson         
-  both         
-  forced       text(2)
-  forced-bson  bson(corvidine_test_event,nested)
-  plain        
-  args         
+  text:  | bson:  | both:  | forced: text(2) | forced-bson: bson(corvidine_test_event,nested) | plain:  | args: 
 -- the prepared exit event: state 2 hands its id to the next event; SN after the edge
 prepared 2B%s
 state after it: 0

@@ -1,16 +1,8 @@
 #!/usr/bin/python3
-"""The extension in a real php-fpm pool, with workers forked from the master.
-
-    fpm_workers_test.py --php-fpm PATH --extension corvidine.so
-
-Uses the integration tests' nginx + php-fpm harness (static pool of 3
-workers, file reporter writing one file per process) and checks: the master
-sends "__Init" once, from module start, and the workers never again; each
-worker rebuilds its reporter at its first use (a reporter file of its own
-process id); a per-directory service key (.user.ini) names the service of
-those requests only; the key's token never shows in phpinfo(); no worker
-dies. Exit status 0 when all checks pass.
-"""
+"""fpm_workers_test.py --php-fpm PATH --extension corvidine.so: the extension in a php-fpm pool (the integration
+tests' nginx + php-fpm harness, 3 workers forked from the master, one reporter file per process). The master sends
+"__Init" once, the workers never; each worker rebuilds its reporter; a per-directory key (.user.ini) names the
+service of its requests only; the key's token never shows in phpinfo(); no worker dies."""
 import argparse
 import glob
 import os
