@@ -1,10 +1,12 @@
 // A real fork(): the child notices its new process id at its first event,
 // rebuilds the reporter from the kept options (its own file, its own thread
-// id), and parent and child keep writing at once without losing a document.
+// id, its own random ids), and parent and child keep writing at once without
+// losing a document.
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
+#include <set>
 #include <regex>
 
 #include "corvidine/event.h"
@@ -17,16 +19,19 @@ namespace {
 constexpr int kPerProcess = 40;
 
 // (Layer, Seq) of each decoded event, by layer; and the thread ids seen.
+std::set<std::string> g_ids;  // every event id seen
+
 std::map<std::string, std::vector<int>> seqs_by_layer(const std::string &bytes, std::vector<long> *tids = nullptr) {
     static const std::regex fields(
-        "\\[\"Layer\", \\[\"string\", \"([a-z]+)\"\\]\\], \\[\"Seq\", \\[\"int64\", ([0-9]+)\\]\\], "
-        "\\[\"TID\", \\[\"int64\", ([0-9]+)\\]\\]");
+        "\\[\"X-Trace\", \\[\"string\", \"(\\w+)\"\\]\\].*\\[\"Layer\", \\[\"string\", \"([a-z]+)\"\\]\\], "
+        "\\[\"Seq\", \\[\"int64\", ([0-9]+)\\]\\], \\[\"TID\", \\[\"int64\", ([0-9]+)\\]\\]");
     std::map<std::string, std::vector<int>> out;
     for (const std::string &d : decode_bson(bytes)) {
         std::smatch m;
         EXPECT_TRUE(std::regex_search(d, m, fields)) << d;
-        out[m[1]].push_back(std::stoi(m[2]));
-        if (tids) tids->push_back(std::stol(m[3]));
+        g_ids.insert(m[1]);
+        out[m[2]].push_back(std::stoi(m[3]));
+        if (tids) tids->push_back(std::stol(m[4]));
     }
     return out;
 }
@@ -70,6 +75,7 @@ TEST_F(ForkTest, FileReporterParentAndChildWriteTheirOwnFiles) {
     auto parent = seqs_by_layer(read_file(host + std::to_string(getpid())));
     EXPECT_EQ(range(0, kPerProcess), parent["parent"]);
     EXPECT_EQ(2u, parent.size());
+    EXPECT_EQ(2u * kPerProcess + 1, g_ids.size()) << "the child draws ids of its own, not the parent's again";
     EXPECT_EQ(2u, list_dir(dir).size());
     EXPECT_EQ(0, system(("rm -rf '" + dir + "'").c_str()));
 }

@@ -1,14 +1,11 @@
 // Identifiers: string and binary forms, header codes, acceptance rules, the
-// per-thread context, random ids across fork, the RUM digest.
+// per-thread context.
 #include <stdio.h>
 #include <string.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <thread>
 
 #include "corvidine/context.h"
-#include "corvidine/random.h"
 #include "support/harness.h"
 
 using corvidine_test::xtrace_of;
@@ -76,25 +73,6 @@ TEST(Context, PerThreadAndUntouchedByAFailedParse) {
     vesk_context_clear();
     EXPECT_FALSE(vesk_context_is_valid());
     EXPECT_FALSE(vesk_context_is_sampled());
-}
-
-TEST(Random, AForkedChildDoesNotRepeatTheParent) {
-    uint8_t warm[8], parent_id[8], child_id[8];
-    vesk_random_op_id(warm);  // leaves bytes in this thread's pool
-    int fds[2];
-    ASSERT_EQ(0, pipe(fds));
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        vesk_random_op_id(child_id);
-        _exit(write(fds[1], child_id, 8) == 8 ? 0 : 1);
-    }
-    vesk_random_op_id(parent_id);
-    ASSERT_EQ(8, read(fds[0], child_id, 8));
-    waitpid(child, nullptr, 0);
-    close(fds[0]);
-    close(fds[1]);
-    EXPECT_NE(0, memcmp(parent_id, child_id, 8));
 }
 
 }  // namespace
