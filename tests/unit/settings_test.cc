@@ -122,20 +122,6 @@ TEST_P(SettingsTable, DeleteInvalidatesAndClearsTheEntryUpdateRewritesInPlace) {
     EXPECT_EQ(-2, vesk_settings_update("svc", 2, 1, 0, 1, 1, caps, rates, nullptr));
 }
 
-TEST_P(SettingsTable, GetValueTestsMagicThenFlagThenValueAndWritesNothingOnFailure) {
-    ASSERT_EQ(0, add("v", 2));
-    vesk_settings_t copy = *vesk_settings_get(2, "v");
-    unsigned value = 7;
-    copy.value = 1000001;
-    EXPECT_EQ(-2, vesk_settings_get_value(&copy, &value, nullptr, nullptr));
-    copy.flags |= VESK_SETTINGS_FLAG_INVALID;
-    EXPECT_EQ(-1, vesk_settings_get_value(&copy, &value, nullptr, nullptr));
-    copy.magic = 0xDEADBEEF;
-    EXPECT_EQ(-2, vesk_settings_get_value(&copy, &value, nullptr, nullptr));
-    EXPECT_EQ(-2, vesk_settings_get_value(nullptr, &value, nullptr, nullptr));
-    EXPECT_EQ(7u, value);
-}
-
 TEST_P(SettingsTable, LayerEntriesAreFoundOrTakenUntilAllAreUsed) {
     vesk_settings_layer_entry_t *def = vesk_settings_entry_layer_get(nullptr);
     ASSERT_NE(nullptr, def);

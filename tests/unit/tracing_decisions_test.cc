@@ -485,10 +485,8 @@ TEST_F(DecisionsConcurrency, BucketWithoutRefillGivesExactlyItsCapacity) {
     start(50, 0, 0);
     EXPECT_EQ(50, decide_everywhere(8, 2000));
     vesk_settings_layer_entry_t *e = vesk_settings_entry_layer_get("svc");
-    EXPECT_EQ(16000u, e->request_count);
-    EXPECT_EQ(16000u, e->sample_count);
-    EXPECT_EQ(50u, e->trace_count);
-    EXPECT_EQ(16000u - 50u, e->token_bucket_exhaustion_count);
+    EXPECT_EQ((C{16000, 16000, 50, 16000 - 50}),
+              (C{e->request_count, e->sample_count, e->trace_count, e->token_bucket_exhaustion_count}));
 }
 
 TEST_F(DecisionsConcurrency, RefillNeverExceedsCapacityPlusRateTimesTime) {

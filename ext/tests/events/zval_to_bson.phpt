@@ -55,13 +55,6 @@ echo implode(',', vesk_keys($doc)), ' ', strlen($bytes) <= 16000000 && strlen($b
 unset($big, $bytes, $doc);
 
 echo "-- nesting and chains of objects end in null 128 levels down\n";
-function depth(array $typed): string
-{
-    for ($d = 0; in_array($typed[0], ['array', 'document'], true) && $typed[1]; $d++) {
-        $typed = $typed[0] === 'array' ? $typed[1][0] : $typed[1][0][1];
-    }
-    return "$d:$typed[0]";
-}
 for ($nest = 'bottom', $i = 0; $i < 300; $i++) {
     $nest = [$nest];
 }
@@ -70,8 +63,10 @@ for ($head = null, $i = 0; $i < 20000; $i++) {
     $node->next = $head;
     $head = $node;
 }
-echo depth(['document', vesk_decode(corvidine_test_to_bson($nest)[1])[0]]), ' ',
-    depth(['document', vesk_decode(corvidine_test_to_bson(['list' => $head])[1])[0]]), "\n";
+$arrays = json_encode(vesk_decode(corvidine_test_to_bson($nest)[1])[0]);
+$objects = json_encode(vesk_decode(corvidine_test_to_bson(['list' => $head])[1])[0]);
+echo substr_count($arrays, '["array"') + 1, ':', str_contains($arrays, 'bottom') ? 'bottom' : 'null', ' ',
+    substr_count($objects, '["document"') + 1, ':', str_contains($objects, '["null",null]') ? 'null' : 'NO NULL', "\n";
 $head = null;
 
 echo "-- a pending exception stops the walk with -1, leaving a document; keys are cut at a NUL\n";
