@@ -1,9 +1,15 @@
 // UDP reporter against a real listener on loopback: one whole document per
 // datagram, the 65507-byte cut, no listener, target parsing, and targets that
 // cannot be resolved or connected.
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
+
+#include <optional>
 
 #include "corvidine/debug_log.h"
 #include "corvidine/event.h"
@@ -14,6 +20,36 @@
 using namespace corvidine_test;
 
 namespace {
+
+// A datagram socket bound on 127.0.0.1; port 0 picks a free one.
+class UdpListener {
+public:
+    explicit UdpListener(uint16_t port = 0) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        int big = 1 << 20;
+        setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof(big));
+        sockaddr_in addr{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t len = sizeof(addr);
+        bind(fd_, reinterpret_cast<sockaddr *>(&addr), len);
+        getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &len);
+        port_ = ntohs(addr.sin_port);
+    }
+    ~UdpListener() { close(fd_); }
+    uint16_t port() const { return port_; }
+    std::string target() const { return "127.0.0.1:" + std::to_string(port_); }
+    // One whole datagram (MSG_TRUNC: its true size), or nothing after the timeout.
+    std::optional<std::string> receive(int timeout_ms = 2000) {
+        pollfd p{fd_, POLLIN, 0};
+        std::string buf(100000, '\0');
+        ssize_t n = poll(&p, 1, timeout_ms) == 1 ? recv(fd_, &buf[0], buf.size(), MSG_TRUNC) : -1;
+        if (n < 0) return std::nullopt;
+        buf.resize(static_cast<size_t>(n));
+        return buf;
+    }
+
+private:
+    int fd_;
+    uint16_t port_ = 0;
+};
 
 class UdpReporterTest : public corvidine_test::LibraryFixture {
 protected:

@@ -1,13 +1,9 @@
 #include "support/harness.h"
 
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -178,36 +174,6 @@ std::string padded_document(int32_t n, size_t pad) {
     std::string doc(data, vesk_bson_buffer_size(&b));
     vesk_bson_buffer_destroy(&b);
     return doc;
-}
-
-UdpListener::UdpListener(uint16_t port) {
-    fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    int big = 1 << 20;
-    setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof(big));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(addr);
-    if (bind(fd_, reinterpret_cast<sockaddr *>(&addr), len) != 0) {
-        close(fd_);
-        fd_ = -1;
-    }
-    getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
-}
-
-UdpListener::~UdpListener() {
-    if (fd_ >= 0) close(fd_);
-}
-
-std::optional<std::string> UdpListener::receive(int timeout_ms) {
-    pollfd p{fd_, POLLIN, 0};
-    std::string buf(100000, '\0');
-    ssize_t n = poll(&p, 1, timeout_ms) == 1 ? recv(fd_, &buf[0], buf.size(), MSG_TRUNC) : -1;  // TRUNC: true size
-    if (n < 0) return std::nullopt;
-    buf.resize(static_cast<size_t>(n));
-    return buf;
 }
 
 CaptureReporter *SettingsFixture::reporter = nullptr;

@@ -1,13 +1,11 @@
 // The one harness of the unit tests: a capturing reporter, the independent
-// BSON decoder (python3-bson), a debug-log capture, a hand-set clock, files
-// and a UDP listener.
+// BSON decoder (python3-bson), a debug-log capture, a hand-set clock, files.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <stdint.h>
 
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -66,21 +64,6 @@ std::string xtrace_of(const vesk_metadata_t &md);
 int send_event(vesk_metadata_t *md, const char *layer, int64_t seq);
 // A valid BSON document {"n": n, "pad": <pad bytes>}, 22 + pad bytes long.
 std::string padded_document(int32_t n, size_t pad);
-
-// A datagram socket bound on 127.0.0.1; port 0 picks a free one.
-class UdpListener {
-public:
-    explicit UdpListener(uint16_t port = 0);
-    ~UdpListener();
-    bool ok() const { return fd_ >= 0; }
-    uint16_t port() const { return port_; }
-    std::string target() const { return "127.0.0.1:" + std::to_string(port_); }
-    std::optional<std::string> receive(int timeout_ms = 2000);  // one whole datagram
-
-private:
-    int fd_ = -1;
-    uint16_t port_ = 0;
-};
 
 // Base of the fixtures that decide or wait on the settings table: a
 // capturing reporter owns the registry for the whole suite.
