@@ -182,7 +182,6 @@ TEST_P(SettingsTable, CounterWritersEmitOneElementPerEntryAndResetTheCounts) {
     EXPECT_TRUE(has(d, element("RequestCount", shop, -1))) << d;
     EXPECT_TRUE(has(d, element("TraceCount", "", 10))) << d;
     EXPECT_TRUE(has(d, element("SampleRate", shop, 107))) << d;
-    EXPECT_TRUE(has(d, element("SampleSource", shop, 0))) << d;
     EXPECT_TRUE(has(bytes, std::string("\x03" "100\0", 5))) << "key of element 1000";
     EXPECT_EQ(0u, svc->request_count + svc->trace_count + def->trace_count) << "counts start again from zero";
     EXPECT_EQ(107u, svc->sample_rate) << "the rate stays";

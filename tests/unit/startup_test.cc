@@ -1,5 +1,6 @@
-// Library start-up and registry: reporter choice, one start per process,
-// old option versions, the service key's cleaning, the null reporter, the Collector placeholder.
+// Library start-up and registry: reporter choice, one start per process, old
+// option versions, the service key's cleaning, the null reporter, the
+// Collector reporter's placeholder.
 #include <string.h>
 #include <unistd.h>
 
@@ -34,7 +35,6 @@ TEST_F(StartupTest, OneStartPerProcessUntilShutdown) {
     o.reporter = "file";
     EXPECT_EQ(-1, vesk_init(&o));
     EXPECT_EQ(first, vesk_reporter_get());
-    EXPECT_STREQ("null", vesk_init_options_get()->reporter);
     vesk_shutdown();
     EXPECT_EQ(0, vesk_reporter_pid());
     EXPECT_EQ(nullptr, vesk_init_options_get());
@@ -51,7 +51,6 @@ TEST_F(StartupTest, UnknownReporterNamesLeaveNoReporter) {
     EXPECT_EQ(getpid(), vesk_reporter_pid()) << "not tried again in this process";
     vesk_shutdown();
     EXPECT_NE(0, vesk_init(nullptr)) << "no options: \"ssl\", which cannot start here";
-    EXPECT_STREQ(VESK_MISSING_SERVICE_KEY, vesk_init_options_get()->service_key);
 }
 
 TEST_F(StartupTest, NullReporterTurnsSamplingOffAndTakesEverything) {
