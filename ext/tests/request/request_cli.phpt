@@ -58,22 +58,15 @@ foreach ($cases as [$label, $ini, $env, $expected]) {
 unlink($rules);
 echo count($cases), " cases done\n";
 
-function check(string $when): void
-{
-    $mismatch = [];
-    foreach (corvidine_test_request_ini() as $name => $v) {
-        if ($v['long'] !== $v['by_name_long'] || $v['on'] !== $v['by_name_on'] || $v['str'] !== $v['by_name_str']) {
-            $mismatch[] = "$name: " . json_encode($v);
-        }
+foreach (['start' => null, 'after ini_set' => '9', 'again' => 'x:1'] as $when => $key) {
+    if ($key !== null) {
+        ini_set('corvidine.service_key', $key);
     }
-    $v = corvidine_test_request_ini()['corvidine.service_key'];
-    echo "$when: mismatches: ", $mismatch ? implode('; ', $mismatch) : 'none', "; service_key long={$v['long']} str={$v['str']}\n";
+    $entries = corvidine_test_request_ini();
+    $mismatch = array_filter($entries, fn($v) => [$v['long'], $v['on'], $v['str']] !== [$v['by_name_long'], $v['by_name_on'], $v['by_name_str']]);
+    $v = $entries['corvidine.service_key'];
+    echo "$when: mismatches: ", $mismatch ? json_encode($mismatch) : 'none', "; service_key long={$v['long']} str={$v['str']}\n";
 }
-check('start');
-ini_set('corvidine.service_key', '9');
-check('after ini_set');
-ini_set('corvidine.service_key', 'x:1');
-check('again');
 
 $code = '<?php foreach ([43, 42, 41, 40] as $n) echo corvidine_test_log_trace_id($n), "|"; echo var_export(corvidine_test_log_append_trace_id("disk full"), true), var_export(corvidine_test_log_append_trace_id(null), true);';
 foreach ([['enabled', 1000000], ['sampled_only', 1000000], ['enabled', 0], ['sampled_only', 0], ['Enabled', 1000000]] as [$mode, $rate]) {
