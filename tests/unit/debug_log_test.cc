@@ -12,9 +12,6 @@ void collect(void *ctx, int, int level, const char *source, int line, const char
     static_cast<std::vector<std::string> *>(ctx)->push_back(std::to_string(level) + " " + (source ? source : "") +
                                                             ":" + std::to_string(line) + " " + message);
 }
-void other_collect(void *ctx, int module, int level, const char *source, int line, const char *message) {
-    collect(ctx, module, level, source, line, message);
-}
 
 class DebugLogTest : public ::testing::Test {
 protected:
@@ -35,7 +32,8 @@ TEST_F(DebugLogTest, CallbackSlots) {
     std::vector<std::string> a, b, c, d;
     EXPECT_EQ(0, vesk_debug_log_add(collect, &a, VESK_DEBUG_WARNING));
     EXPECT_EQ(0, vesk_debug_log_add(collect, &b, VESK_DEBUG_HIGH));
-    EXPECT_EQ(0, vesk_debug_log_add(other_collect, &c, VESK_DEBUG_HIGH));
+    auto other = [](void *ctx, int m, int l, const char *s, int n, const char *msg) { collect(ctx, m, l, s, n, msg); };
+    EXPECT_EQ(0, vesk_debug_log_add(other, &c, VESK_DEBUG_HIGH));
     EXPECT_EQ(-1, vesk_debug_log_add(collect, &d, VESK_DEBUG_HIGH)) << "all three taken";
     EXPECT_EQ(-1, vesk_debug_log_add(nullptr, &d, VESK_DEBUG_HIGH));
     vesk_debug_logger(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_INFO, "src", 1, "info message");

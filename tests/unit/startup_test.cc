@@ -16,8 +16,7 @@ namespace {
 using StartupTest = corvidine_test::LibraryFixture;
 
 TEST_F(StartupTest, OldOptionVersionsAreRefusedAndNothingStarts) {
-    vesk_init_options_t old;
-    memset(&old, 0, sizeof(old));
+    vesk_init_options_t old{};
     old.version = 6;
     EXPECT_EQ(1, vesk_init_options_set_defaults(&old));
     EXPECT_EQ(1, vesk_init(&old));

@@ -80,9 +80,9 @@ protected:
     }
     static void add_record(const R &r, unsigned timestamp = 100) {
         const double rates[3] = {0, 0, 0};
-        if (r.type != 0)
-            ASSERT_EQ(0, vesk_settings_add(r.type == 2 ? "" : "svc", r.type, r.value, r.flags, timestamp, 60,
-                                           r.caps, rates, r.key, 0));
+        if (r.type == 0) return;
+        ASSERT_EQ(0, vesk_settings_add(r.type == 2 ? "" : "svc", r.type, r.value, r.flags, timestamp, 60, r.caps,
+                                       rates, r.key, 0));
     }
     int decide(const I &i, vesk_tracing_decisions_out_t *out, const char *service = "svc") {
         vesk_tracing_decisions_in_t in = corvidine_test::decisions_in(service, i.request_type);
@@ -363,7 +363,9 @@ TEST_F(Decisions, SignaturesAtTheirEdges) {  // the integration tests have the p
         int ret = decide(I{nullptr, -1, -1, -1, c.request_type, c.options, c.signature.c_str(), c.ts}, &out);
         EXPECT_EQ((E{c.ret, c.auth, c.do_sample, c.decision_type}), (E{ret, out.auth_status, out.do_sample, out.decision_type}));
         EXPECT_STREQ(c.auth >= 0 ? auth_text[c.auth] : "", out.auth_message);
-        if (ret == -5) EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->triggered_count);
+        if (ret == -5) {
+            EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->triggered_count) << "a refused signature triggers nothing";
+        }
     }
 }
 
@@ -417,20 +419,6 @@ TEST(TokenBucket, ClockSteppingBackNeitherDrainsNorRefills) {
     EXPECT_EQ(1000, b.last_check.tv_sec) << "kept, so time must pass it again";
     Clock::set(1000, 750);
     EXPECT_EQ(1, vesk_bucket_consume(&b));
-}
-
-TEST(TokenBucket, SmallEmptyAndUnrefilledCapacities) {
-    Clock clock(5000);
-    vesk_bucket_t b = make(0.0f, 0.99, 1000.0);
-    EXPECT_EQ(0, vesk_bucket_consume(&b)) << "below one token, however long it waits";
-    b = make(-1.0f, 0, 0);
-    EXPECT_EQ(0, vesk_bucket_consume(&b));
-    EXPECT_EQ(0.0f, b.available) << "the never-filled mark refills to 0";
-    b = make(2.0f, 2, 0);
-    EXPECT_EQ(1, vesk_bucket_consume(&b));
-    Clock::set(9999);
-    EXPECT_EQ(1, vesk_bucket_consume(&b));
-    EXPECT_EQ(0, vesk_bucket_consume(&b)) << "rate 0: what is there is all there will be";
 }
 
 // ---- Many threads ----------------------------------------------------------
