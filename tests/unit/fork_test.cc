@@ -76,7 +76,6 @@ TEST_F(ForkTest, FileReporterParentAndChildWriteTheirOwnFiles) {
     EXPECT_EQ(range(0, kPerProcess), parent["parent"]);
     EXPECT_EQ(2u, parent.size());
     EXPECT_EQ(2u * kPerProcess + 1, g_ids.size()) << "the child draws ids of its own, not the parent's again";
-    EXPECT_EQ(2u, list_dir(dir).size());
     EXPECT_EQ(0, system(("rm -rf '" + dir + "'").c_str()));
 }
 

@@ -42,7 +42,7 @@ foreach ($first as [$key, [$type, $value]]) {
         default => '=' . json_encode($value) };
 }
 echo implode(" ", $shown), "\n";
-echo implode(',', vesk_keys($second)), "\n";
+echo implode(',', array_column($second, 0)), "\n";
 
 echo "-- flags: 2 text backtrace, 4 BSON (2 wins), 8 arguments, 64 backtrace even when turned off\n";
 $code = <<<'PHP'
@@ -79,7 +79,7 @@ corvidine_test_set_service_name(null);
 corvidine_test_event('L', 'after', null, 0);
 PHP);
 [$exit, $after] = $docs;
-echo implode(',', array_slice(vesk_keys($exit), -5)), ' ', implode(',', array_slice(vesk_keys($after), -4)), "\n";
+echo implode(',', array_slice(array_column($exit, 0), -5)), ' ', implode(',', array_slice(array_column($after, 0), -4)), "\n";
 foreach ($docs as $doc) {
     echo vesk_field($doc, 'Label')[1], ': ', str_contains($GLOBALS['out'], vesk_field($doc, 'X-Trace')[1]) ? 'the prepared id' : 'an id of its own', "\n";
 }
