@@ -5,22 +5,21 @@
 #include "corvidine/event.h"
 #include "support/harness.h"
 
-using corvidine_test::decode_bson;
-using corvidine_test::has;
+using namespace corvidine_test;
 
 namespace {
 
 class EventTest : public ::testing::Test {
 protected:
-    corvidine_test::CaptureReporter reporter_;
-    vesk_metadata_t md_ = corvidine_test::sampled_metadata();
+    CaptureReporter reporter_;
+    vesk_metadata_t md_ = sampled_metadata();
     std::string last_document() { return decode_bson(reporter_.documents.back().second).at(0); }
 };
 
 TEST_F(EventTest, StampedKeysFrameTheCallersKeysInOrderAndTypes) {
     vesk_event_t evt;
     ASSERT_EQ(0, vesk_metadata_create_event(&md_, &evt));
-    std::string parent_op = corvidine_test::xtrace_of(md_).substr(42, 16), evt_id = corvidine_test::xtrace_of(evt.metadata);
+    std::string parent_op = xtrace_of(md_).substr(42, 16), evt_id = xtrace_of(evt.metadata);
     std::string big(3000, 'x');  // grows the buffer
     EXPECT_EQ(0, vesk_event_add_info(&evt, "Layer", "php"));
     EXPECT_EQ(0, vesk_event_add_info_int64(&evt, "Big", 1LL << 40));
@@ -48,7 +47,7 @@ TEST_F(EventTest, StampedKeysFrameTheCallersKeysInOrderAndTypes) {
 TEST_F(EventTest, SendChecksAndTheirCodes) {
     vesk_event_t evt;
     ASSERT_EQ(0, vesk_event_init(&evt, &md_, md_.op_id));  // same op id as md
-    vesk_metadata_t before = md_, other = corvidine_test::sampled_metadata(), invalid;
+    vesk_metadata_t before = md_, other = sampled_metadata(), invalid;
     vesk_metadata_init(&invalid);
     EXPECT_EQ(-1, vesk_event_send(VESK_SEND_EVENT, &evt, &md_));
     EXPECT_EQ(0, memcmp(&before, &md_, sizeof(md_)));

@@ -386,8 +386,6 @@ TEST_F(Decisions, SignatureKeyComesFromTheResolvedRecordAndMayBeLong) {
 
 // ---- Token buckets, against a clock stepped by hand ----------------------
 
-using Clock = corvidine_test::FixedClock;
-
 // A bucket as a refresh leaves it; rate in tokens per second.
 vesk_bucket_t make(float available, double capacity, double per_second, long sec = 1000) {
     vesk_bucket_t b;
@@ -400,24 +398,24 @@ vesk_bucket_t make(float available, double capacity, double per_second, long sec
 }
 
 TEST(TokenBucket, FullBucketKeepsLastCheckSoTheWholeSpellCounts) {
-    Clock clock(1005);
+    corvidine_test::FixedClock clock(1005);
     vesk_bucket_t b = make(10.0f, 10, 1.0, 1000);
     // The first token leaves last_check at 1000; the next refill counts all
     // 5 s since then (capped), so five tokens at 1005 leave 6, not 5.
     for (int i = 0; i < 5; ++i) ASSERT_EQ(1, vesk_bucket_consume(&b));
     EXPECT_EQ(6.0f, b.available);
-    Clock::set(1007);
+    clock.set(1007);
     vesk_bucket_update_available(&b);
     EXPECT_EQ(8.0f, b.available);
 }
 
 TEST(TokenBucket, ClockSteppingBackNeitherDrainsNorRefills) {
-    Clock clock(990);
+    corvidine_test::FixedClock clock(990);
     vesk_bucket_t b = make(0.25f, 10, 1000.0, 1000);
     vesk_bucket_update_available(&b);
     EXPECT_EQ(0.25f, b.available);
     EXPECT_EQ(1000, b.last_check.tv_sec) << "kept, so time must pass it again";
-    Clock::set(1000, 750);
+    clock.set(1000, 750);
     EXPECT_EQ(1, vesk_bucket_consume(&b));
 }
 
