@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config git
   libssl-dev openssl zlib1g-dev libpcre2-dev uthash-dev
   libthrift-dev thrift-compiler libboost-dev
-  libgtest-dev libgmock-dev libbenchmark-dev valgrind
+  libgtest-dev libgmock-dev libbenchmark-dev valgrind gcovr
   php8.2-dev php8.2-cli php8.2-fpm php8.2-opcache php8.2-curl
   python3 python3-bson python3-thrift python3-cryptography
   nginx-light curl netcat-openbsd wrk

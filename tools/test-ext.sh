@@ -91,11 +91,13 @@ link_files core/include
 link_files core/src \( -name '*.cc' -o -name '*.h' \)
 link_files reporters/include
 link_files reporters/src \( -name '*.cc' -o -name '*.h' \)
-rm -rf "$SRC/ext/tests" "$SRC/tests/support"
+rm -rf "$SRC/ext/tests" "$SRC/tests/support" "$SRC/tests/integration"
 cp -r "$ROOT/ext/tests" "$SRC/ext/tests"
-# The helpers shared by all tests, at the same place relative to ext/tests.
-mkdir -p "$SRC/tests"
+# The helpers shared by all tests (and the server harness the fpm test uses),
+# at the same place relative to ext/tests.
+mkdir -p "$SRC/tests/integration"
 cp -r "$ROOT/tests/support" "$SRC/tests/support"
+cp "$ROOT/tests/integration/harness.py" "$SRC/tests/integration/"
 
 signature=$( (cd "$SRC" && find . -type l | LC_ALL=C sort; sha256sum "$ROOT/ext/config.m4"; echo "$PHPIZE") | sha256sum)
 cd "$SRC/ext"

@@ -1,253 +1,133 @@
 // UDP reporter against a real listener on loopback: one whole document per
-// datagram, the 65507-byte cut, no listener, the default target, and targets
-// that cannot be resolved or connected.
+// datagram, the 65507-byte cut, no listener, target parsing, and targets that
+// cannot be resolved or connected.
+#include <arpa/inet.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "corvidine/debug_log.h"
 #include "corvidine/event.h"
 #include "corvidine/local_reporters.h"
-#include "corvidine/metadata.h"
 #include "corvidine/settings.h"
-#include "corvidine/startup.h"
-#include "support/capture_reporter.h"
-#include "support/reporter_helpers.h"
+#include "support/harness.h"
 
-using corvidine_test::decode_bson;
-using corvidine_test::LogCapture;
-using corvidine_test::LogLine;
-using corvidine_test::UdpListener;
+using namespace corvidine_test;
 
 namespace {
 
-// A port with nobody listening on it.
-uint16_t free_port() {
-    UdpListener probe;
-    return probe.port();
-}
-
-vesk_init_options_t udp_options(const char *host) {
-    return corvidine_test::init_options("udp", host);
-}
-
-// A valid BSON document of exactly `size` bytes (size >= 22).
-std::string document_of_size(size_t size, int32_t n = 1) {
-    return corvidine_test::padded_document(n, size - 22);
-}
-
-class UdpReporterTest : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        // Start the library once so that its one-time set-up (which resets
-        // the log's callback slots) is behind us, then leave no reporter.
-        vesk_ensure_init();
-        vesk_shutdown();
+// A datagram socket bound on 127.0.0.1; port 0 picks a free one.
+class UdpListener {
+public:
+    explicit UdpListener(uint16_t port = 0) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        int big = 1 << 20;
+        setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof(big));
+        sockaddr_in addr{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t len = sizeof(addr);
+        bind(fd_, reinterpret_cast<sockaddr *>(&addr), len);
+        getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &len);
+        port_ = ntohs(addr.sin_port);
     }
-    void SetUp() override {
-        vesk_metadata_init(&md_);
-        vesk_metadata_random(&md_);
-        md_.flags = VESK_XTRACE_FLAG_SAMPLED;
-        vesk_settings_delete(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, "");
+    ~UdpListener() { close(fd_); }
+    uint16_t port() const { return port_; }
+    std::string target() const { return "127.0.0.1:" + std::to_string(port_); }
+    // One whole datagram (MSG_TRUNC: its true size), or nothing after the timeout.
+    std::optional<std::string> receive(int timeout_ms = 2000) {
+        pollfd p{fd_, POLLIN, 0};
+        std::string buf(100000, '\0');
+        ssize_t n = poll(&p, 1, timeout_ms) == 1 ? recv(fd_, &buf[0], buf.size(), MSG_TRUNC) : -1;
+        if (n < 0) return std::nullopt;
+        buf.resize(static_cast<size_t>(n));
+        return buf;
     }
-    void TearDown() override { vesk_shutdown(); }
-    int send_event(int64_t seq) { return corvidine_test::send_event(&md_, "udp-test", seq); }
-    vesk_metadata_t md_;
+
+private:
+    int fd_;
+    uint16_t port_ = 0;
 };
 
-TEST_F(UdpReporterTest, DocumentsArriveWholeOnePerDatagram) {
-    UdpListener listener;
-    ASSERT_TRUE(listener.ok());
-    std::string target = listener.target();
-    vesk_init_options_t o = udp_options(target.c_str());
-    LogCapture log;
-    ASSERT_EQ(0, vesk_init(&o));
-    const LogLine *ready = log.find("UDP reporter ready on " + target);
-    ASSERT_NE(nullptr, ready);
-    EXPECT_EQ(VESK_DEBUG_MODULE_LIB, ready->module);
-    EXPECT_EQ(VESK_DEBUG_LOW, ready->level);
-
-    for (int i = 0; i < 3; ++i) {
-        int sent = send_event(i);
-        ASSERT_GT(sent, 0);
-        std::optional<std::string> datagram = listener.receive();
-        ASSERT_TRUE(datagram.has_value());
-        EXPECT_EQ(static_cast<size_t>(sent), datagram->size());
-        std::vector<std::string> docs = decode_bson(*datagram);
-        ASSERT_EQ(1u, docs.size());
-        EXPECT_NE(std::string::npos, docs[0].find("[\"Seq\", [\"int64\", " + std::to_string(i) + "]]"))
-            << docs[0];
+class UdpReporterTest : public corvidine_test::LibraryFixture {
+protected:
+    int start(const std::string &target) {
+        target_ = target;
+        vesk_init_options_t o = init_options("udp", target_.c_str());
+        return vesk_init(&o);
     }
-    // Status and profiling documents take the same road, byte for byte; the
-    // largest datagram that fits is sent whole.
-    std::string status = document_of_size(100, 7), largest = document_of_size(VESK_UDP_MAX_DATAGRAM, 8);
-    ASSERT_EQ(static_cast<size_t>(VESK_UDP_MAX_DATAGRAM), largest.size());
-    EXPECT_EQ(100, vesk_raw_send(VESK_SEND_STATUS, status.data(), status.size()));
-    EXPECT_EQ(VESK_UDP_MAX_DATAGRAM, vesk_raw_send(VESK_SEND_PROFILING, largest.data(), largest.size()));
-    EXPECT_EQ(status, listener.receive().value_or(""));
-    EXPECT_EQ(largest, listener.receive().value_or(""));
-    EXPECT_FALSE(listener.receive(100).has_value());
-    EXPECT_FALSE(log.contains("Send failed"));
-}
+    int raw(const std::string &doc) { return vesk_raw_send(VESK_SEND_EVENT, doc.data(), doc.size()); }
+    std::string target_;
+    UdpListener listener_;
+};
 
-TEST_F(UdpReporterTest, OversizedDocumentIsCutAndCountedAsFailed) {
-    UdpListener listener;
-    ASSERT_TRUE(listener.ok());
-    std::string target = listener.target();
-    vesk_init_options_t o = udp_options(target.c_str());
-    ASSERT_EQ(0, vesk_init(&o));
-
-    std::string doc = document_of_size(70000);
-    ASSERT_EQ(70000u, doc.size());
+TEST_F(UdpReporterTest, DocumentsArriveWholeOnePerDatagramAndOversizedOnesAreCut) {
     LogCapture log;
-    EXPECT_EQ(VESK_UDP_MAX_DATAGRAM, vesk_raw_send(VESK_SEND_EVENT, doc.data(), doc.size()));
-    EXPECT_TRUE(log.find("Send failed - reporter returned 65507") != nullptr);
-    std::optional<std::string> datagram = listener.receive();
-    ASSERT_TRUE(datagram.has_value());
-    EXPECT_EQ(static_cast<size_t>(VESK_UDP_MAX_DATAGRAM), datagram->size());
-    EXPECT_EQ(doc.substr(0, VESK_UDP_MAX_DATAGRAM), *datagram);
+    ASSERT_EQ(0, start(listener_.target()));
+    EXPECT_EQ(VESK_DEBUG_LOW, log.level_of("UDP reporter ready on " + target_));
+    vesk_metadata_t md = sampled_metadata();
+    for (int i = 0; i < 3; ++i) {
+        int sent = send_event(&md, "udp-test", i);
+        std::string datagram = listener_.receive().value_or("");
+        EXPECT_EQ(static_cast<size_t>(sent), datagram.size());
+        EXPECT_TRUE(has(decode_bson(datagram).at(0), "[\"Seq\", [\"int64\", " + std::to_string(i) + "]]"));
+    }
+    std::string largest = padded_document(8, VESK_UDP_MAX_DATAGRAM - 22), over = padded_document(9, 70000 - 22);
+    EXPECT_EQ(VESK_UDP_MAX_DATAGRAM, vesk_raw_send(VESK_SEND_PROFILING, largest.data(), largest.size()));
+    EXPECT_EQ(largest, listener_.receive().value_or(""));
+    EXPECT_FALSE(log.contains("Send failed"));
+    EXPECT_EQ(VESK_UDP_MAX_DATAGRAM, raw(over));
+    EXPECT_TRUE(log.contains("Send failed - reporter returned 65507"));
+    EXPECT_EQ(over.substr(0, VESK_UDP_MAX_DATAGRAM), listener_.receive().value_or(""));
 }
 
 TEST_F(UdpReporterTest, NoListenerCountsAsDelivered) {
-    std::string target = "127.0.0.1:" + std::to_string(free_port());
-    vesk_init_options_t o = udp_options(target.c_str());
-    ASSERT_EQ(0, vesk_init(&o));
-    LogCapture log;
-    std::string doc = document_of_size(300);
-    // The refusal of one datagram shows up on the next send: several sends
-    // with time for it to arrive cover both the plain and the refused path.
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(300, vesk_raw_send(VESK_SEND_EVENT, doc.data(), doc.size())) << "send " << i;
-        usleep(5000);
-    }
-    std::string big = document_of_size(70000);
-    EXPECT_EQ(VESK_UDP_MAX_DATAGRAM, vesk_raw_send(VESK_SEND_EVENT, big.data(), big.size()));
-    usleep(5000);
-    EXPECT_EQ(VESK_UDP_MAX_DATAGRAM, vesk_raw_send(VESK_SEND_EVENT, big.data(), big.size()));
+    uint16_t port = UdpListener().port();  // nobody listens there any more
+    ASSERT_EQ(0, start("127.0.0.1:" + std::to_string(port)));
+    // The refusal of one datagram shows on the next send.
+    for (int i = 0; i < 4; ++i, usleep(5000)) EXPECT_EQ(300, raw(padded_document(1, 278))) << i;
+    EXPECT_EQ(VESK_UDP_MAX_DATAGRAM, raw(padded_document(1, 70000)));
     EXPECT_EQ(0, vesk_reporter_is_ready(nullptr));
 }
 
-TEST_F(UdpReporterTest, TargetWithoutColonOrHostPartMeansTheDefault) {
-    UdpListener listener(7831);
-    if (!listener.ok()) GTEST_SKIP() << "127.0.0.1:7831 is taken on this machine";
-    for (const char *host : {static_cast<const char *>(nullptr), "", "localhost", "example.invalid", ":"}) {
-        SCOPED_TRACE(host ? host : "(null)");
-        vesk_init_options_t o = udp_options(host);
-        ASSERT_EQ(0, vesk_init(&o));
-        std::string doc = document_of_size(64);
-        EXPECT_EQ(64, vesk_raw_send(VESK_SEND_EVENT, doc.data(), doc.size()));
-        EXPECT_EQ(doc, listener.receive().value_or("")) << "nothing arrived on 127.0.0.1:7831";
-        vesk_shutdown();
-    }
-}
-
-TEST_F(UdpReporterTest, HostAndPortPartsAreTakenApart) {
-    UdpListener listener;
-    ASSERT_TRUE(listener.ok());
-    std::string port = std::to_string(listener.port());
+TEST_F(UdpReporterTest, TargetParts) {
+    std::string port = std::to_string(listener_.port());
     for (const std::string &host : {"localhost:" + port, ":" + port, "127.0.0.1:" + port + ":ignored"}) {
-        SCOPED_TRACE(host);
-        vesk_init_options_t o = udp_options(host.c_str());
-        ASSERT_EQ(0, vesk_init(&o));
-        std::string doc = document_of_size(40);
-        EXPECT_EQ(40, vesk_raw_send(VESK_SEND_EVENT, doc.data(), doc.size()));
-        EXPECT_EQ(doc, listener.receive().value_or(""));
+        ASSERT_EQ(0, start(host)) << host;
+        EXPECT_EQ(40, raw(padded_document(1, 18)));
+        EXPECT_EQ(padded_document(1, 18), listener_.receive().value_or("")) << host;
         vesk_shutdown();
     }
 }
 
-TEST_F(UdpReporterTest, UnresolvableTargetFailsWithNoAddress) {
-    struct Case {
-        const char *host;
-        const char *shown;
-    };
-    const Case cases[] = {
-        {"no-such-host.invalid:7831", "no-such-host.invalid:7831"},
-        {"127.0.0.1:no-such-service-here", "127.0.0.1:no-such-service-here"},
-    };
-    int expected_level = VESK_DEBUG_WARNING;
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.host);
-        vesk_init_options_t o = udp_options(c.host);
+TEST_F(UdpReporterTest, UnresolvableOrUnconnectableTargetsFailCleanly) {
+    for (const char *host : {"no-such-host.invalid:7831", "127.0.0.1:no-such-service-here"}) {
         LogCapture log;
-        EXPECT_EQ(VESK_REPORTER_INIT_NO_ADDRESS, vesk_init(&o));
-        const LogLine *line =
-            log.find(std::string("UDP reporter initialization failed - No UDP support for ") + c.shown);
-        ASSERT_NE(nullptr, line);
-        EXPECT_EQ(VESK_DEBUG_MODULE_LIB, line->module);
-        EXPECT_EQ(expected_level, line->level);
-        expected_level = VESK_DEBUG_MEDIUM;  // the same place again
-        EXPECT_EQ(VESK_SEND_NO_REPORTER, vesk_raw_send(VESK_SEND_EVENT, "\x05\0\0\0\0", 5));
-        EXPECT_EQ(nullptr, vesk_settings_get(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, ""));
+        EXPECT_EQ(VESK_REPORTER_INIT_NO_ADDRESS, start(host));
+        EXPECT_TRUE(log.contains(std::string("UDP reporter initialization failed - No UDP support for ") + host));
+        EXPECT_EQ(VESK_SEND_NO_REPORTER, raw(padded_document(1, 0)));
         vesk_shutdown();
     }
-}
-
-TEST_F(UdpReporterTest, UnconnectableTargetFailsWithNoSocket) {
-    // Connecting a datagram socket to the broadcast address is refused
-    // without SO_BROADCAST.
-    vesk_init_options_t o = udp_options("255.255.255.255:7831");
-    vesk_reporter_t table;
+    // Connecting a datagram socket to the broadcast address is refused without SO_BROADCAST.
+    vesk_init_options_t o = init_options("udp", "255.255.255.255:7831");
+    vesk_reporter_t table, cleared;
     memset(&table, 0x5A, sizeof(table));
-    LogCapture log;
-    EXPECT_EQ(VESK_REPORTER_INIT_NO_SOCKET, vesk_reporter_init_udp(&table, &o));
-    const LogLine *line = log.find(
-        "UDP reporter initialization failed - Unable to open UDP connection to 255.255.255.255:7831");
-    ASSERT_NE(nullptr, line);
-    EXPECT_EQ(VESK_DEBUG_MODULE_LIB, line->module);
-    EXPECT_EQ(VESK_DEBUG_WARNING, line->level);
-    vesk_reporter_t cleared;
     memset(&cleared, 0, sizeof(cleared));
+    EXPECT_EQ(VESK_REPORTER_INIT_NO_SOCKET, vesk_reporter_init_udp(&table, &o));
     EXPECT_EQ(0, memcmp(&cleared, &table, sizeof(table)));
     EXPECT_EQ(VESK_REPORTER_INIT_NO_TABLE, vesk_reporter_init_udp(nullptr, &o));
-    const LogLine *null_table = log.find("NULL reporter passed in");
-    ASSERT_NE(nullptr, null_table);
-    EXPECT_EQ(VESK_DEBUG_MODULE_LIB, null_table->module);
-    EXPECT_EQ(VESK_DEBUG_ERROR, null_table->level);
 }
 
-TEST_F(UdpReporterTest, RegistersItselfInstallsSettingsAndClosesOnDestroy) {
-    UdpListener listener;
-    ASSERT_TRUE(listener.ok());
-    std::string target = listener.target();
-    vesk_init_options_t o = udp_options(target.c_str());
-    o.token_bucket_rate = 12;
-
-    vesk_shutdown();  // no current reporter: the table registers itself
+TEST_F(UdpReporterTest, RegistersItselfAndClosesOnDestroy) {
+    vesk_init_options_t o = init_options("udp", (target_ = listener_.target()).c_str());
     vesk_reporter_t table;
     ASSERT_EQ(0, vesk_reporter_init_udp(&table, &o));
-    std::string doc = document_of_size(50);
-    EXPECT_EQ(50, vesk_raw_send(VESK_SEND_EVENT, doc.data(), doc.size()));
-    EXPECT_EQ(doc, listener.receive().value_or(""));
-    // The older entry point goes the same way.
-    EXPECT_EQ(50, vesk_reporter_udp_send(nullptr, doc.data(), doc.size()));
-    EXPECT_EQ(doc, listener.receive().value_or(""));
-
-    void *ctx = table.context;
-    EXPECT_EQ(1, table.event_ready(ctx));
-    EXPECT_EQ(1, table.is_winthin_limit(ctx, "a", "b"));
-    EXPECT_EQ(0, table.send_span(ctx, "a", "b", 1));
-    EXPECT_EQ(VESK_SERVER_RESPONSE_OK, table.get_server_response(ctx));
-    EXPECT_EQ(20, table.get_profiling_interval(ctx));
-
-    const vesk_settings_t *s = vesk_settings_get(VESK_SETTINGS_TYPE_DEFAULT_SAMPLE_RATE, "");
-    ASSERT_NE(nullptr, s);
-    EXPECT_EQ(1000000u, s->value);
-    EXPECT_EQ(20, s->flags);
-    EXPECT_EQ(99999999u, s->ttl);
-    EXPECT_STREQ("k3Tq7XwPbnR2vLyd9HsA", s->signature_key);
-    for (int i = 0; i < VESK_BUCKET_COUNT; ++i) {
-        EXPECT_EQ(1000.0, s->bucket_capacity[i]);
-        EXPECT_EQ(12.0, s->bucket_rate[i]);
-    }
-
-    int sock = static_cast<vesk_udp_descriptor *>(ctx)->socket;
-    ASSERT_GE(fcntl(sock, F_GETFD), 0);
+    std::string doc = padded_document(1, 28);
+    EXPECT_EQ(50, vesk_reporter_udp_send(nullptr, doc.data(), doc.size())) << "the older entry point";
+    EXPECT_EQ(doc, listener_.receive().value_or(""));
+    int sock = static_cast<vesk_udp_descriptor *>(table.context)->socket;
     EXPECT_EQ(0, _vesk_destroy_reporter(&table));
     EXPECT_EQ(-1, fcntl(sock, F_GETFD));
     EXPECT_EQ(VESK_SEND_NO_REPORTER, vesk_reporter_udp_send(nullptr, doc.data(), doc.size()));

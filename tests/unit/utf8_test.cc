@@ -1,11 +1,8 @@
 // UTF-8 checks, and request bytes reaching an event as valid BSON strings.
-#include <gtest/gtest.h>
-
-#include <string>
 
 #include "corvidine/event.h"
 #include "corvidine/utf8.h"
-#include "support/capture_reporter.h"
+#include "support/harness.h"
 
 namespace {
 
@@ -44,15 +41,13 @@ TEST(Utf8, SanitizeReplacesOnlyTheBadBytes) {
 
 TEST(Utf8, EventStringsFromRawBytesDecodeStrictly) {
     corvidine_test::CaptureReporter reporter;
-    vesk_metadata_t md;
-    vesk_metadata_init(&md);
-    vesk_metadata_random(&md);
+    vesk_metadata_t md = corvidine_test::sampled_metadata();
     vesk_event_t evt;
     ASSERT_EQ(0, vesk_metadata_create_event(&md, &evt));
     std::string hostile = "custom-\xFF\xFE value \xC0\xAF and " + std::string(300, '\x9F');
     ASSERT_EQ(0, vesk_event_add_info(&evt, "Header", hostile.c_str()));
     ASSERT_GT(vesk_event_send(VESK_SEND_EVENT, &evt, &md), 0);
-    auto docs = corvidine_test::decode_bson(reporter.documents()[0].bytes);  // strict decoder
+    auto docs = corvidine_test::decode_bson(reporter.documents[0].second);  // strict decoder
     ASSERT_EQ(1u, docs.size());
     EXPECT_NE(std::string::npos, docs[0].find("custom-?? value ?? and ???")) << docs[0];
     vesk_event_destroy(&evt);

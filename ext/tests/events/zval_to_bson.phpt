@@ -1,184 +1,95 @@
 --TEST--
-PHP values as BSON: types, packed arrays, objects, cycles, 1024-byte strings, as python3-bson reads them
+PHP values as BSON, as python3-bson reads them: types, packed arrays, objects, cycles, 1024-byte strings, growth, the 16000000-byte limit, depth, NUL in keys
 --EXTENSIONS--
 corvidine
 --INI--
 corvidine.internal_test_hooks=1
---SKIPIF--
-<?php if (!is_executable('/usr/bin/python3')) die('skip /usr/bin/python3 (python3-bson) is needed'); ?>
+memory_limit=512M
 --FILE--
 <?php
-require __DIR__ . '/events.inc';
-
-function show($value, bool $count = false): void
+require __DIR__ . '/../support/child.inc';
+function show($value): void
 {
-    [$n, $bytes] = corvidine_test_to_bson($value);
-    if ($count) {
-        echo "count $n\n";
-    }
-    echo ev_show(ev_decode_one($bytes));
+    echo vesk_show(vesk_decode(corvidine_test_to_bson($value)[1])[0]), "\n";
 }
-
 class Base { private $secret = 'base'; }
 #[AllowDynamicProperties]
-class Item extends Base
-{
-    public $name = 'pub';
-    protected $level = 2;
-    private $tags = ['a', 'b'];
-    public int $unset;        // typed and never set: no value, left out
-    public ?Item $next = null;
-}
+class Item extends Base { public $name = 'pub'; protected $level = 2; public int $unset; public ?Item $next = null; }
 
-echo "-- scalars, resources, nested arrays\n";
 $fh = fopen('php://memory', 'r');
-[$n, $bytes] = corvidine_test_to_bson(['res' => $fh]);
-echo ev_field(ev_decode_one($bytes), 'res') === ['int64', (int)$fh] ? "resource as its id\n" : "WRONG RESOURCE\n";
-show(['n' => null, 'f' => false, 't' => true, 'i' => -9007199254740993, 'd' => -0.25, 's' => "a\0b",
-      'max' => PHP_INT_MAX, 7 => 'seven', -3 => 'minus three', '08' => 'string key that looks numeric']);
+echo "-- scalars; arrays are packed (4) only when the keys run 0, 1, 2, ...\n";
+show(['n' => null, 'f' => false, 'i' => -9007199254740993, 'd' => -0.25, 's' => "a\0b", -3 => 'm', '08' => 'k',
+      'list' => [1, 2], 'one' => [1 => 'a'], 'empty' => [], 'order' => [1 => 'b', 0 => 'a'],
+      'holed' => (function () { $a = [1, 2, 3]; unset($a[1]); return $a; })()]);
+echo vesk_field(vesk_decode(corvidine_test_to_bson(['r' => $fh])[1])[0], 'r') === ['int64', (int)$fh] ? "resource: its id\n" : "WRONG\n";
+echo "count ", corvidine_test_to_bson([5, 6, 'x' => 7, 8])[0], "\n";   // elements whose key was the next integer
 
-echo "-- packed or not: array (4) only when the keys are 0, 1, 2, ...\n";
-show(['list' => [1, 2], 'one' => [1 => 'a'], 'empty' => [], 'gap' => [0 => 'a', 2 => 'b'],
-      'order' => [1 => 'b', 0 => 'a'], 'mixed' => [0 => 'a', 'k' => 'b'], 'unset' => (function () {
-          $a = [1, 2, 3]; unset($a[1]); return $a; })(), 'nested' => [[[]]]]);
-echo "-- the return value counts elements whose key was the next integer\n";
-var_dump(corvidine_test_to_bson([5, 6, 'x' => 7, 8])[0]);   // keys 0, 1, 'x', 2
-var_dump(corvidine_test_to_bson([1 => 'a', 0 => 'b'])[0]);
-var_dump(corvidine_test_to_bson([])[0]);
-
-echo "-- objects: their properties, private and protected ones by bare name\n";
+echo "-- objects by their properties (private and protected by bare name); cycles become null\n";
 $item = new Item;
 $item->dynamic = 1.5;
+$item->next = $item;
 show(['item' => $item, 'closure' => fn() => 1]);
-show($item);
-
-echo "-- cycles become null\n";
 $self = ['a' => 1];
 $self['me'] = &$self;
-$self['after'] = 2;
 show($self);
-$node = new Item;
-$node->next = $node;
-show(['node' => $node]);
-$a = new Item; $b = new Item;
-$a->next = $b; $b->next = $a;
-show(['a' => $a]);
-echo "-- the same array twice is no cycle\n";
-$shared = [1, 2];
-show(['x' => $shared, 'y' => $shared, 'z' => [$shared]]);
+$shared = [1];
 $o = new stdClass;
-show(['p' => $o, 'q' => $o]);
+show(['x' => $shared, 'y' => $shared, 'p' => $o, 'q' => $o]);   // the same value twice is no cycle
 
 echo "-- strings keep 1024 bytes; the length field counts the closing NUL\n";
-[$n, $bytes] = corvidine_test_to_bson(['s' => str_repeat('x', 2000), 'exact' => str_repeat('y', 1024), 'z' => 'after']);
-$s = ev_field(ev_decode_one($bytes), 's')[1];
-$exact = ev_field(ev_decode_one($bytes), 'exact')[1];
-echo strlen($s), ' ', strlen($exact), ' ', ev_field(ev_decode_one($bytes), 'z')[1], "\n";
-// element: 0x02 "s\0" int32 length, bytes, NUL
-var_dump(substr($bytes, 4, 3) === "\x02s\x00", unpack('V', $bytes, 7)[1], bin2hex($bytes[11 + 1024]));
-echo unpack('V', $bytes)[1] === strlen($bytes) ? "document length matches\n" : "BAD DOCUMENT LENGTH\n";
+$bytes = corvidine_test_to_bson(['s' => str_repeat('x', 2000)])[1];
+echo strlen(vesk_field(vesk_decode($bytes)[0], 's')[1]), ' ', unpack('V', $bytes, 7)[1], ' ', unpack('V', $bytes)[1] === strlen($bytes) ? 'whole' : 'WRONG', "\n";
+
+echo "-- growth: doubling from 1024 bytes, what one write needs, 1024-byte steps past 1 MB\n";
+echo corvidine_test_to_bson([])[2], ' ', corvidine_test_to_bson(array_fill(0, 5, str_repeat('x', 1000)))[2], ' ',
+    corvidine_test_to_bson([str_repeat('k', 10000) => null])[2], "\n";
+[, $bytes, $cap] = corvidine_test_to_bson(array_fill(0, 1500, str_repeat('x', 1000)));
+var_dump(($cap - 0x100000) % 1024 === 0 && $cap >= strlen($bytes) && $cap - strlen($bytes) < 2048);
+
+echo "-- a document stops just below 16000000 bytes, every open document closed\n";
+$big = array_fill(0, 20000, str_repeat('y', 1000));
+[$n, $bytes] = corvidine_test_to_bson(['head' => 1, 'inner' => ['deeper' => $big], 'tail' => 2]);
+$doc = vesk_decode($bytes)[0];
+echo implode(',', array_column($doc, 0)), ' ', strlen($bytes) <= 16000000 && strlen($bytes) > 16000000 - 1100 ? 'just below' : 'WRONG', ' ',
+    count(vesk_field(vesk_field($doc, 'inner')[1], 'deeper')[1]), "\n";
+unset($big, $bytes, $doc);
+
+echo "-- nesting and chains of objects end in null 128 levels down\n";
+for ($nest = 'bottom', $i = 0; $i < 300; $i++) {
+    $nest = [$nest];
+}
+for ($head = null, $i = 0; $i < 20000; $i++) {
+    $node = new stdClass;
+    $node->next = $head;
+    $head = $node;
+}
+$arrays = json_encode(vesk_decode(corvidine_test_to_bson($nest)[1])[0]);
+$objects = json_encode(vesk_decode(corvidine_test_to_bson(['list' => $head])[1])[0]);
+echo substr_count($arrays, '["array"') + 1, ':', str_contains($arrays, 'bottom') ? 'bottom' : 'null', ' ',
+    substr_count($objects, '["document"') + 1, ':', str_contains($objects, '["null",null]') ? 'null' : 'NO NULL', "\n";
+$head = null;
+
+echo "-- a pending exception stops the walk with -1, leaving a document; keys are cut at a NUL\n";
+[$n, $bytes] = corvidine_test_to_bson(['a' => 1], true);
+echo $n, ' ', json_encode(vesk_decode($bytes)[0]), ' ', json_encode(array_column(vesk_decode(corvidine_test_to_bson(["a\0b" => 1, 'c' => 2])[1])[0], 0)), "\n";
 ?>
 --EXPECT--
--- scalars, resources, nested arrays
-resource as its id
-n:null=null
-f:bool=false
-t:bool=true
-i:int64=-9007199254740993
-d:double=-0.25
-s:string="a\u0000b"
-max:int64=9223372036854775807
-7:string="seven"
--3:string="minus three"
-08:string="string key that looks numeric"
--- packed or not: array (4) only when the keys are 0, 1, 2, ...
-list:array
-  0:int64=1
-  1:int64=2
-one:document
-  1:string="a"
-empty:array
-gap:document
-  0:string="a"
-  2:string="b"
-order:document
-  1:string="b"
-  0:string="a"
-mixed:document
-  0:string="a"
-  k:string="b"
-unset:document
-  0:int64=1
-  2:int64=3
-nested:array
-  0:array
-    0:array
--- the return value counts elements whose key was the next integer
-int(3)
-int(1)
-int(0)
--- objects: their properties, private and protected ones by bare name
-item:document
-  secret:string="base"
-  name:string="pub"
-  level:int64=2
-  tags:array
-    0:string="a"
-    1:string="b"
-  next:null=null
-  dynamic:double=1.5
-closure:document
-secret:string="base"
-name:string="pub"
-level:int64=2
-tags:array
-  0:string="a"
-  1:string="b"
-next:null=null
-dynamic:double=1.5
--- cycles become null
-a:int64=1
-me:null=null
-after:int64=2
-node:document
-  secret:string="base"
-  name:string="pub"
-  level:int64=2
-  tags:array
-    0:string="a"
-    1:string="b"
-  next:null=null
-a:document
-  secret:string="base"
-  name:string="pub"
-  level:int64=2
-  tags:array
-    0:string="a"
-    1:string="b"
-  next:document
-    secret:string="base"
-    name:string="pub"
-    level:int64=2
-    tags:array
-      0:string="a"
-      1:string="b"
-    next:null=null
--- the same array twice is no cycle
-x:array
-  0:int64=1
-  1:int64=2
-y:array
-  0:int64=1
-  1:int64=2
-z:array
-  0:array
-    0:int64=1
-    1:int64=2
-p:document
-q:document
+-- scalars; arrays are packed (4) only when the keys run 0, 1, 2, ...
+n:null=null f:bool=false i:int64=-9007199254740993 d:double=-0.25 s:string="a\u0000b" -3:string="m" 08:string="k" list:[0:int64=1 1:int64=2] one:{1:string="a"} empty:[] order:{1:string="b" 0:string="a"} holed:{0:int64=1 2:int64=3}
+resource: its id
+count 3
+-- objects by their properties (private and protected by bare name); cycles become null
+item:{secret:string="base" name:string="pub" level:int64=2 next:null=null dynamic:double=1.5} closure:{}
+a:int64=1 me:null=null
+x:[0:int64=1] y:[0:int64=1] p:{} q:{}
 -- strings keep 1024 bytes; the length field counts the closing NUL
-1024 1024 after
+1024 1025 whole
+-- growth: doubling from 1024 bytes, what one write needs, 1024-byte steps past 1 MB
+1024 8192 12051
 bool(true)
-int(1025)
-string(2) "00"
-document length matches
+-- a document stops just below 16000000 bytes, every open document closed
+head,inner just below 15821
+-- nesting and chains of objects end in null 128 levels down
+129:null 129:null
+-- a pending exception stops the walk with -1, leaving a document; keys are cut at a NUL
+-1 [] ["a","c"]

@@ -7,58 +7,39 @@ corvidine
 --FILE--
 <?php
 require __DIR__ . '/../support/child.inc';
-
-$jit = ['-d', 'zend_extension=opcache', '-d', 'opcache.enable_cli=1', '-d', 'opcache.jit=tracing',
-        '-d', 'opcache.jit_buffer_size=64M'];
-$ini = ['corvidine.enable_cli' => 1, 'corvidine.service_key' => 'token:jit'];
-$env = ['CORVIDINE_REPORTER' => 'null'];
-
-$status = <<<'PHP'
-$s = opcache_get_status(false);
-echo json_encode(['enabled' => $s['jit']['enabled'] ?? null, 'on' => $s['jit']['on'] ?? null]);
-PHP;
-$r = vesk_exec(vesk_command($ini, array_merge($jit, ['-r', $status])), $env);
-echo "JIT with the extension started: ", $r['out'], trim($r['err']), "\n";
-$info = vesk_info_rows(vesk_exec(vesk_command($ini, array_merge($jit, ['--ri', 'corvidine'])), $env)['out']);
-echo "function hooks: ", $info['function hooks'] ?? '?', "\n";
-$off = vesk_info_rows(vesk_exec(vesk_command($ini + ['corvidine.enable_laravel_tracing' => 0], ['--ri', 'corvidine']),
-                                $env)['out']);
-echo "function hooks, Laravel tracing off: ", $off['function hooks'] ?? '?', "\n";
-
+$jit = ['zend_extension' => 'opcache', 'opcache.enable_cli' => 1, 'opcache.jit' => 'tracing', 'opcache.jit_buffer_size' => '64M'];
+$ini = ['corvidine.enable_cli' => 1];
+$s = vesk_child('<?php $s = opcache_get_status(false); echo json_encode([$s["jit"]["enabled"] ?? null, $s["jit"]["on"] ?? null]);', $ini + $jit);
+echo "JIT enabled and on: {$s['out']}{$s['err']}, function hooks: ", vesk_info_rows(vesk_child(null, $ini + $jit)['out'])['function hooks'] ?? '?', "\n";
+echo "function hooks, Laravel tracing off: ",
+     vesk_info_rows(vesk_child(null, $ini + $jit + ['corvidine.enable_laravel_tracing' => 0])['out'])['function hooks'] ?? '?', "\n";
 // Recursion, exceptions through frames, generators, closures, internal
-// callbacks, fibers and a deep stack: same results with the extension started
-// or not, with and without the JIT, with the observer registered (Laravel
-// tracing is on by default).
+// callbacks, fibers, a deep stack: the same with the extension or without,
+// with the JIT or without (whatever hooks the features install).
 $work = <<<'PHP'
+<?php
 function fib($n) { return $n < 2 ? $n : fib($n - 1) + fib($n - 2); }
 function thrower($d) { if ($d === 0) throw new RuntimeException('deep'); return thrower($d - 1); }
-function gen($n) { for ($i = 0; $i < $n; $i++) { $x = yield $i; if ($x) return $x; } }
+function gen() { $x = yield 1; return $x; }
 function deep($n) { return $n === 0 ? 0 : 1 + deep($n - 1); }
 class A { public function m($x) { return $x * 2; } public static function s($x) { return $x + 1; } }
-$out = [];
-$out[] = fib(20);
+$out = [fib(20), array_sum(array_map(fn($x) => (new A)->m($x), range(1, 100))), implode(',', array_map('A::s', [1, 2]))];
 try { thrower(50); } catch (RuntimeException $e) { $out[] = $e->getMessage() . count($e->getTrace()); }
-$g = gen(10); $sum = 0; foreach ($g as $v) { $sum += $v; } $out[] = $sum;
-$g = gen(10); $g->current(); $g->send('stop'); $out[] = $g->getReturn();
-$out[] = array_sum(array_map(fn($x) => (new A)->m($x), range(1, 100)));
-$out[] = implode(',', array_map('A::s', [1, 2, 3]));
-$f = new Fiber(function ($x) { $y = Fiber::suspend($x + 1); return $y * 3; });
+$g = gen(); $g->current(); $g->send('stop'); $out[] = $g->getReturn();
+$f = new Fiber(function ($x) { return Fiber::suspend($x + 1) * 3; });
 $out[] = $f->start(1); $f->resume(5); $out[] = $f->getReturn();
-$out[] = deep(20000);
-$a = [3, 1, 2]; usort($a, fn($p, $q) => $p <=> $q); $out[] = implode(",", $a);
-echo implode(' ', $out);
+echo implode(' ', $out), ' ', deep(20000);
 PHP;
-$plain = vesk_exec([PHP_BINARY, '-n', '-r', $work]);
-$observed = vesk_exec(vesk_command($ini, ['-r', $work]), $env);
-$observed_jit = vesk_exec(vesk_command($ini, array_merge($jit, ['-r', $work])), $env);
-echo "without extension: {$plain['out']}\n";
-echo "observed:          ", $observed['out'] === $plain['out'] ? 'same' : "DIFFERENT: {$observed['out']} {$observed['err']}", "\n";
-echo "observed with JIT: ", $observed_jit['out'] === $plain['out'] ? 'same' : "DIFFERENT: {$observed_jit['out']} {$observed_jit['err']}", "\n";
+$plain = vesk_exec([PHP_BINARY, '-n', '-r', substr($work, 5)])['out'];
+echo "without the extension: $plain\n";
+foreach (['with it' => $ini, 'with it and the JIT' => $ini + $jit] as $name => $with) {
+    $r = vesk_child($work, $with, ['CORVIDINE_REPORTER' => 'null']);
+    echo "$name: ", $r['out'] === $plain ? 'same' : "DIFFERENT: {$r['out']} {$r['err']}", "\n";
+}
 ?>
 --EXPECT--
-JIT with the extension started: {"enabled":true,"on":true}
-function hooks: observer API, 1 watcher(s)
+JIT enabled and on: [true,true], function hooks: observer API, 1 watcher(s)
 function hooks, Laravel tracing off: none (no feature watches calls)
-without extension: 6765 deep51 45 stop 10100 2,3,4 2 15 20000 1,2,3
-observed:          same
-observed with JIT: same
+without the extension: 6765 10100 2,3 deep51 stop 2 15 20000
+with it: same
+with it and the JIT: same
