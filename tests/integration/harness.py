@@ -84,6 +84,11 @@ def write_text(path, text):
     return path
 
 
+def decode_documents(path):
+    """Every document of one file reporter file, decoded strictly."""
+    return bson_tools.decode_file(path)
+
+
 class Traces:
     """The documents the file reporter wrote (one file per process), decoded
     strictly: keys and strings must be UTF-8."""

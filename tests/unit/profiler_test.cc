@@ -16,7 +16,7 @@
 #include "corvidine/profile_spans.h"
 #include "corvidine/profiler.h"
 #include "corvidine/startup.h"
-#include "support/capture_reporter.h"
+#include "support/harness.h"
 
 using corvidine_test::CaptureReporter;
 using corvidine_test::decode_bson;
@@ -221,7 +221,7 @@ ssize_t gated_send(void *, int channel, const char *data, size_t len) {
 
 TEST(ProfilerQueue, AFullQueueDropsSnapshotsAtOnceButNeverTheEndOfASpan) {
     CaptureReporter reporter;
-    reporter.table()->send = gated_send;
+    reporter.table.send = gated_send;
     vesk_metadata_t blocker = trace(1), md = trace(2);
     EXPECT_EQ(-1, vesk_profiler_report_snapshot(snapshot(md, 1, kBase, "main").release()));  // no thread yet
     ASSERT_EQ(0, vesk_profiler_start());

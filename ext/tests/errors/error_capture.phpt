@@ -52,7 +52,7 @@ foreach ($cases as $name => [$code, $ini]) {
         if ($e['Label'] === 'error') {
             echo "event: {$e['ErrorClass']} {$e['PHPErrorCode']} {$e['ErrorLevel']}",
                  isset($e['PHPSuppressed']) ? " suppressed={$e['PHPSuppressed']}" : '',
-                 isset($e['Backtrace']) ? ' +backtrace' : '', ' ', $e['Layer'], ' ', $e['Spec'], ': ', $clean($e['ErrorMsg']), "\n";
+                 isset($e['Backtrace']) ? ' +backtrace' : '', ' ', $e['Layer'], ' ', $e['Spec'], ': ', $clean(strtok($e['ErrorMsg'], "\n")), "\n";
         }
     }
     echo rq_event($r, 'exit') !== null ? "exit event\n" : ($r['events'] ? "NO EXIT EVENT\n" : ''), $clean(trim($r['err'] . $r['out'])), "\n";
