@@ -190,6 +190,10 @@ class HostileHandler(socketserver.StreamRequestHandler):
             status, headers = "302 Found", [b"Location: /many"]
         elif path == "/slow":
             time.sleep(2.5)
+        elif path == "/echo":
+            method = lines[0].split()[0]
+            accept = next((l.split(b":", 1)[1].strip() for l in lines if l.lower().startswith(b"accept:")), b"-")
+            body = b"method:" + method + b" accept:" + accept
         response = b"HTTP/1.1 " + status.encode() + b"\r\n" + b"".join(h + b"\r\n" for h in headers)
         response += b"Content-Length: %d\r\nConnection: close\r\n\r\n" % len(body) + body
         try:
@@ -259,6 +263,23 @@ class HostileAnswers(unittest.TestCase):
                             self.assertNotIn(key, exit_)
                         elif value is not None:
                             self.assertEqual(value, exit_[key])
+
+    def test_curl_options_the_application_set(self):
+        cases = [  # case, HTTPMethod of each exit event, what the application must see
+            ("patch", ["PATCH"], b"method:PATCH accept:a/b"), ("post", ["POST"], b"method:POST accept:a/b"),
+            ("copy", ["GET", "GET"], b"accept:a/b\"\nstring(21) \"method:GET accept:a/b"),
+            ("reset", ["GET"], b"method:GET accept:*/*"), ("file", ["GET"], b"header file: 58 bytes"),
+            ("throw", ["GET"], b"RuntimeException: from the header callback"),
+        ]
+        for case, methods, expected in cases:
+            with self.subTest(case=case):
+                query = urllib.parse.urlencode({"via": "curl", "to": self.hostile.url("/echo"), "case": case})
+                plain, _, _ = self.run_a(query, False)
+                traced, events, _ = self.run_a(query, True)
+                self.assertEqual(plain, traced)
+                self.assertIn(expected, traced)
+                exits = [e for e in events if e.get("Layer") == "cURL" and e["Label"] == "exit"]
+                self.assertEqual(methods, [e["HTTPMethod"] for e in exits])
 
 
 if __name__ == "__main__":

@@ -348,9 +348,6 @@ static void php_vesk_curl_exit_event(zend_object *handle, php_vesk_curl_handle *
     if (Z_TYPE(info) == IS_ARRAY) {
         zval *url = php_vesk_info(&info, "url", IS_STRING);
         zval *code = php_vesk_info(&info, "http_code", IS_LONG);
-        zval *start = php_vesk_info(&info, "starttransfer_time", IS_DOUBLE);
-        zval *up = php_vesk_info(&info, "size_upload", IS_DOUBLE);
-        zval *down = php_vesk_info(&info, "size_download", IS_DOUBLE);
         if (url != NULL) {
             remote = php_vesk_remote_url(Z_STR_P(url));
             records[n++] = (php_vesk_kv){PHP_VESK_KV_STRING, "RemoteURL", ZSTR_VAL(remote), 0};
@@ -360,8 +357,13 @@ static void php_vesk_curl_exit_event(zend_object *handle, php_vesk_curl_handle *
             records[n++] = (php_vesk_kv){PHP_VESK_KV_INT, "HTTPStatus", &Z_LVAL_P(code), 8};
             records[n++] = (php_vesk_kv){PHP_VESK_KV_INT, "ResponseCode", &Z_LVAL_P(code), 8};
         }
-        records[n++] = (php_vesk_kv){PHP_VESK_KV_STRING, "HTTPMethod",
-                                     record != NULL && record->method != NULL ? ZSTR_VAL(record->method) : "GET", 0};
+    }
+    records[n++] = (php_vesk_kv){PHP_VESK_KV_STRING, "HTTPMethod",
+                                 record != NULL && record->method != NULL ? ZSTR_VAL(record->method) : "GET", 0};
+    if (Z_TYPE(info) == IS_ARRAY) {
+        zval *start = php_vesk_info(&info, "starttransfer_time", IS_DOUBLE);
+        zval *up = php_vesk_info(&info, "size_upload", IS_DOUBLE);
+        zval *down = php_vesk_info(&info, "size_download", IS_DOUBLE);
         if (start != NULL) {
             records[n++] = (php_vesk_kv){PHP_VESK_KV_DOUBLE, "PreDownloadTime", &Z_DVAL_P(start), 8};
         }

@@ -4,7 +4,9 @@
 //   via  curl | fgc (file_get_contents) | fopen
 //   to   the URL
 //   case own (its own X-Trace line), hfn (its own cURL header callback),
-//        ctx_string / ctx_array (a context header, checked after the call)
+//        ctx_string / ctx_array (a context header, checked after the call);
+//        cURL only: patch, post (methods), copy (curl_copy_handle), reset,
+//        file (CURLOPT_WRITEHEADER), throw (a header callback that throws)
 //   timeout  seconds, for a slow server
 if (PHP_SAPI === 'cli') {
     parse_str($argv[1] ?? '', $_GET);
@@ -33,8 +35,35 @@ if ($via === 'curl') {
     } else {
         curl_setopt($ch, CURLOPT_HTTPHEADER, ['Accept: a/b']);
     }
-    $result = curl_exec($ch);
+    if ($case === 'patch') {
+        curl_setopt($ch, CURLOPT_POST, true);
+        curl_setopt($ch, CURLOPT_CUSTOMREQUEST, 'PATCH');
+    } elseif ($case === 'post') {
+        curl_setopt($ch, CURLOPT_POSTFIELDS, 'a=1');
+    } elseif ($case === 'copy') {
+        var_dump(curl_exec($ch));
+        $ch = curl_copy_handle($ch);
+    } elseif ($case === 'reset') {
+        curl_reset($ch);
+        curl_setopt_array($ch, [CURLOPT_URL => $to, CURLOPT_RETURNTRANSFER => true]);
+    } elseif ($case === 'file') {
+        $file = fopen('php://memory', 'w+');
+        curl_setopt($ch, CURLOPT_WRITEHEADER, $file);
+    } elseif ($case === 'throw') {
+        curl_setopt($ch, CURLOPT_HEADERFUNCTION, function ($handle, $line) {
+            throw new RuntimeException('from the header callback');
+        });
+    }
+    try {
+        $result = curl_exec($ch);
+    } catch (Throwable $e) {
+        $result = get_class($e) . ': ' . $e->getMessage();
+    }
     var_dump($result);
+    if ($case === 'file') {
+        rewind($file);
+        echo "header file: ", strlen(stream_get_contents($file)), " bytes\n";
+    }
     echo "errno: ", curl_errno($ch), " status: ", curl_getinfo($ch, CURLINFO_RESPONSE_CODE), "\n";
     foreach ($lines as $line) {
         echo "header: ", preg_replace('/^X-Trace: .*/i', 'X-Trace: (id)', $line), "\n";
