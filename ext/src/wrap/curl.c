@@ -315,7 +315,9 @@ intptr_t vesk_curl_exec_in(zend_execute_data *execute_data, zval *return_value, 
     php_vesk_curl_handle *record = php_vesk_curl_record(handle);
     record->has_edge = 0;
     php_vesk_curl_set_headers(handle, record);
-    if (!record->header_file && !record->hooked) {
+    /* The response's X-Trace only matters to an exit event, and a header
+     * callback in PHP costs each response line a call: traced requests only. */
+    if (VESK_G(tracing) && !record->header_file && !record->hooked) {
         zval callback;
         ZVAL_STRINGL(&callback, PHP_VESK_CURL_HEADER_FUNCTION, sizeof(PHP_VESK_CURL_HEADER_FUNCTION) - 1);
         record->hooked = php_vesk_curl_raw_setopt(handle, php_vesk_opt_headerfunction, &callback) == 0;
