@@ -87,6 +87,7 @@ bench-ext: deps
 	@tools/bench-request-cost.sh
 	@tools/bench-wrap.sh nts
 	@tools/bench-profiler.sh
+	@tools/bench-curl.sh nts
 
 bench-http: deps
 	@tools/bench-http.sh

@@ -41,6 +41,7 @@ ZEND_BEGIN_MODULE_GLOBALS(vesk)
     zend_uchar tracing;       /* this request is sampled */
     int32_t wrap_state; /* 0 none; traced 1 or -1; untraced +1 per span family */
     uint32_t wrap_mask; /* active wrap families, bit per family (src/wrap) */
+    struct php_vesk_curl_request *curl; /* request heap, src/wrap/curl.c */
     int enable_sanitize_sql;
     /* Bound to the INI entries of the same names (OnUpdateBool). */
     zend_bool enable_error_callback;

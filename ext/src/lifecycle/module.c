@@ -131,8 +131,8 @@ zend_result php_vesk_module_startup(int type, int module_number) {
     /* The wrapped modules started before this one (optional dependencies). */
     php_vesk_test_wrap_minit(type);
     php_vesk_wrap_minit();
-    /* The HTTP stream wrapper starts here when corvidine.enable_wrap and
-     * corvidine.enable_wrap_http are both on. */
+    /* when corvidine.enable_wrap and corvidine.enable_wrap_http are on */
+    php_vesk_http_stream_minit();
 
     php_vesk_laravel_minit(); /* a watcher of the hooks: before they start */
     php_vesk_hooks_startup();
@@ -162,7 +162,7 @@ zend_result php_vesk_module_shutdown(int type, int module_number) {
         VESK_G(ini_service_name) = NULL;
     }
 
-    /* The HTTP stream wrapper stops here. */
+    php_vesk_http_stream_mshutdown();
     php_vesk_wrap_mshutdown();
     php_vesk_errors_mshutdown();
 

@@ -182,9 +182,11 @@ void php_vesk_wrap_minit(void) {
         }
         php_vesk_wrap_install(target);
     }
+    php_vesk_curl_minit();
 }
 
 void php_vesk_wrap_mshutdown(void) {
+    php_vesk_curl_mshutdown();
     for (int i = 0; i < php_vesk_wrap_copy_count; i++) {
         if (php_vesk_wrap_copies[i].record->handler == php_vesk_wrap_copies[i].target->wrapper) {
             php_vesk_wrap_copies[i].record->handler = php_vesk_wrap_copies[i].target->original;
@@ -267,6 +269,7 @@ void unwrap_for_span(void) {
 }
 
 void php_vesk_wrap_request_end(void) {
+    php_vesk_curl_request_end();
     VESK_G(wrap_mask) = 0;
     VESK_G(wrap_state) = 0;
 }

@@ -86,6 +86,18 @@ void unwrap_for_span(void);
 /* Request end: no family stays active, whatever happened in between. */
 void php_vesk_wrap_request_end(void);
 
+/* cURL (curl.c): the header callback and option numbers at module start,
+ * the handles' records at request end. */
+void php_vesk_curl_minit(void);
+void php_vesk_curl_mshutdown(void);
+void php_vesk_curl_request_end(void);
+
+/* HTTP streams (http_stream.c): our wrapper record for http and https in
+ * the URL wrappers registry at module start, the originals back at
+ * shutdown. */
+void php_vesk_http_stream_minit(void);
+void php_vesk_http_stream_mshutdown(void);
+
 /* corvidine.enable_wrap is on (read at the request's join points). */
 int php_vesk_wrap_enabled(void);
 

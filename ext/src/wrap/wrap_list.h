@@ -35,16 +35,14 @@
     PHP_VESK_WRAP_FAMILY(CURL, "corvidine.enable_wrap_curl", "curl", 1, 0)                 \
     PHP_VESK_WRAP_FAMILY(TEST, NULL, "spl", 0, 1)
 
-/* cURL's callbacks come with the cURL wrapper; until then its calls pass
- * through the framework unchanged. */
 #define PHP_VESK_WRAP_TARGETS(PHP_VESK_WRAP_TARGET)                                                          \
     PHP_VESK_WRAP_TARGET(ERROR_LOG, error_log, NULL, "error_log", vesk_error_log_in, vesk_noop_out, 0)       \
-    PHP_VESK_WRAP_TARGET(CURL, curl_exec, NULL, "curl_exec", vesk_noop_in, vesk_noop_out, 0)                 \
-    PHP_VESK_WRAP_TARGET(CURL, curl_setopt, NULL, "curl_setopt", vesk_noop_in, vesk_noop_out, 0)             \
+    PHP_VESK_WRAP_TARGET(CURL, curl_exec, NULL, "curl_exec", vesk_curl_exec_in, vesk_curl_exec_out, 0)           \
+    PHP_VESK_WRAP_TARGET(CURL, curl_setopt, NULL, "curl_setopt", vesk_noop_in, vesk_curl_setopt_out, 0)             \
     PHP_VESK_WRAP_TARGET(CURL, curl_close, NULL, "curl_close", vesk_noop_in, vesk_noop_out, 0)               \
-    PHP_VESK_WRAP_TARGET(CURL, curl_reset, NULL, "curl_reset", vesk_noop_in, vesk_noop_out, 0)               \
-    PHP_VESK_WRAP_TARGET(CURL, curl_copy_handle, NULL, "curl_copy_handle", vesk_noop_in, vesk_noop_out, 0)   \
-    PHP_VESK_WRAP_TARGET(CURL, curl_setopt_array, NULL, "curl_setopt_array", vesk_noop_in, vesk_noop_out, 0) \
+    PHP_VESK_WRAP_TARGET(CURL, curl_reset, NULL, "curl_reset", vesk_noop_in, vesk_curl_reset_out, 0)               \
+    PHP_VESK_WRAP_TARGET(CURL, curl_copy_handle, NULL, "curl_copy_handle", vesk_noop_in, vesk_curl_copy_handle_out, 0)   \
+    PHP_VESK_WRAP_TARGET(CURL, curl_setopt_array, NULL, "curl_setopt_array", vesk_noop_in, vesk_curl_setopt_array_out, 0) \
     PHP_VESK_WRAP_TARGET(TEST, test_preg_match, NULL, "preg_match", vesk_test_wrap_in, vesk_test_wrap_out, 0) \
     PHP_VESK_WRAP_TARGET(TEST, test_json_decode, NULL, "json_decode", vesk_test_wrap_in, vesk_test_wrap_out, 0) \
     PHP_VESK_WRAP_TARGET(TEST, test_arrayobject_offsetget, "ArrayObject", "offsetGet", vesk_test_wrap_in,      \
@@ -53,6 +51,8 @@
                          vesk_test_wrap_out, 0)                                                              \
     PHP_VESK_WRAP_TARGET(TEST, test_arrayiterator_seek, "ArrayIterator", "seek", vesk_test_wrap_in,            \
                          vesk_test_wrap_out, 0)
+/* curl_close does nothing on PHP 8 (the handle stays usable); a handle's
+ * records go when the handle is freed. */
 // clang-format on
 
 #endif
