@@ -76,6 +76,7 @@ bench-ext: deps
 	@tools/bench-events.sh nts
 	@tools/bench-request-cost.sh
 	@tools/bench-wrap.sh nts
+	@tools/bench-db.sh nts
 
 bench-http: deps
 	@tools/bench-http.sh

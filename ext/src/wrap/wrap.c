@@ -269,4 +269,5 @@ void unwrap_for_span(void) {
 void php_vesk_wrap_request_end(void) {
     VESK_G(wrap_mask) = 0;
     VESK_G(wrap_state) = 0;
+    php_vesk_mysqli_request_end();
 }
