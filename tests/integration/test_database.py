@@ -21,7 +21,8 @@ MARIADB = None
 HOST = "host"
 PDO_CALLS = [
     ("exec", "DROP TABLE IF EXISTS t", None, None, HOST),
-    ("exec", "CREATE TABLE t (id INTEGER, name VARCHAR(0))", "CREATE TABLE t (id INTEGER, name VARCHAR(20))", None, HOST),
+    ("exec", "CREATE TABLE t (id INTEGER PRIMARY KEY, name VARCHAR(0))",
+     "CREATE TABLE t (id INTEGER PRIMARY KEY, name VARCHAR(20))", None, HOST),
     ("exec", "INSERT INTO t VALUES (0, '?'), (0, \"?\")", "INSERT INTO t VALUES (1, 'alice'), (22, \"bob\")", None, HOST),
     ("execute", "SELECT name FROM t WHERE id = ? AND name <> '?'", "SELECT name FROM t WHERE id = ? AND name <> 'x'",
      ["22"], HOST),
@@ -30,9 +31,10 @@ PDO_CALLS = [
     ("exec", "DELETE FROM t WHERE id = 0", "DELETE FROM t WHERE id = 1", None, HOST),
     ("rollback", "ROLLBACK", None, None, HOST),
     ("commit", "COMMIT", None, None, HOST),
+    ("execute", "INSERT INTO t VALUES (?, ?)", None, ["1", "dup"], HOST),
     ("query", "SELECT broken FROM", None, None, None),
 ]
-PDO_OUTPUT = '["bob"]\n[1]\n1\ncaught\n2 queries\n'
+PDO_OUTPUT = '["bob"]\n[1]\n1\nduplicate\ncaught\n2 queries\n'
 
 MYSQLI_CALLS = [
     ("query", "DROP TABLE IF EXISTS m", None, None, HOST),

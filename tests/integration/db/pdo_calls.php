@@ -15,7 +15,7 @@ class AppPdo extends PDO
 $db = new AppPdo(getenv('DB_DSN'), getenv('DB_USER') ?: null);
 $db->setAttribute(PDO::ATTR_ERRMODE, PDO::ERRMODE_EXCEPTION);
 $db->exec("DROP TABLE IF EXISTS t");
-$db->exec("CREATE TABLE t (id INTEGER, name VARCHAR(20))");
+$db->exec("CREATE TABLE t (id INTEGER PRIMARY KEY, name VARCHAR(20))");
 $db->exec("INSERT INTO t VALUES (1, 'alice'), (22, \"bob\")");
 $st = $db->prepare("SELECT name FROM t WHERE id = ? AND name <> 'x'");
 $st->execute([22]);
@@ -32,6 +32,12 @@ $db->exec("DELETE FROM t WHERE id = 1");
 $db->rollBack();
 $db->beginTransaction();
 $db->commit();
+$st = $db->prepare("INSERT INTO t VALUES (?, ?)");
+try {
+    $st->execute([1, 'dup']);
+} catch (PDOException $e) {
+    echo "duplicate\n";
+}
 try {
     $db->query("SELECT broken FROM");
 } catch (PDOException $e) {
