@@ -14,6 +14,10 @@ from test_request_tracing import ServerCase, marker, op_of
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 TRACED = {"corvidine.enable_cli": "1", "corvidine.max_ready_wait_time": "-1"}
+# opcache's run-time caches and the tracing JIT keep the function records
+# they resolved; the user subclass of PDO is linked against them too.
+ENGINES = {"plain": {}, "jit": {"zend_extension": "opcache", "opcache.enable_cli": "1", "opcache.jit": "tracing",
+                               "opcache.jit_buffer_size": "64M", "opcache.jit_hot_loop": "1", "opcache.jit_hot_func": "1"}}
 MARIADB = None
 
 # Rows: Function, Query sanitized, Query raw (None: the same), bound values,
@@ -127,9 +131,10 @@ class CliDatabaseTest(DatabaseCalls, unittest.TestCase):
     def test_pdo_calls_on_each_backend_sanitized_and_raw(self):
         with tempfile.TemporaryDirectory() as sqlite_dir:
             for name, env, host in backends(sqlite_dir):
-                for sanitize in ("1", "0"):
-                    with self.subTest(backend=name, sanitize=sanitize):
-                        out, events = self.run_script("pdo_calls", env, {"corvidine.enable_sanitize_sql": sanitize})
+                for sanitize, engine in (("1", "plain"), ("0", "plain"), ("1", "jit")):
+                    with self.subTest(backend=name, sanitize=sanitize, engine=engine):
+                        out, events = self.run_script("pdo_calls", env,
+                                                      dict(ENGINES[engine], **{"corvidine.enable_sanitize_sql": sanitize}))
                         self.assertEqual(PDO_OUTPUT, out)
                         self.assertEqual(expected(PDO_CALLS, host, sanitize == "1"),
                                          self.calls(events, "php_pdo", name))
@@ -161,9 +166,10 @@ class CliDatabaseTest(DatabaseCalls, unittest.TestCase):
             runs = [("pdo_errors", env, name) for name, env, _ in backends(sqlite_dir)]
             if MARIADB is not None:
                 runs.append(("mysqli_errors", mysql_env(), "mysql"))
-            ini = dict(harness.database_ini(harness.CURRENT_PHP), **TRACED, display_errors="1", error_reporting="-1")
-            for name, env, backend in runs:
-                with self.subTest(script=name, backend=backend):
+            for (name, env, backend), engine in [(run, engine) for run in runs for engine in ENGINES]:
+                ini = dict(harness.database_ini(harness.CURRENT_PHP), **TRACED, **ENGINES[engine], display_errors="1",
+                           error_reporting="-1")
+                with self.subTest(script=name, backend=backend, engine=engine):
                     plain, _, _ = harness.run_cli(harness.CURRENT_PHP, script(name), ini, env, load_module=False)
                     traced, traces, _ = harness.run_cli(harness.CURRENT_PHP, script(name), ini, env)
                     self.assertIn(b"-- mode", plain.stdout)
