@@ -88,6 +88,7 @@ bench-ext: deps
 	@tools/bench-wrap.sh nts
 	@tools/bench-profiler.sh
 	@tools/bench-curl.sh nts
+	@tools/bench-db.sh nts
 
 bench-http: deps
 	@tools/bench-http.sh

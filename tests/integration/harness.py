@@ -311,7 +311,7 @@ def openssl_signature(options):
     return out.strip().split()[-1]
 
 
-def run_cli(php, script, ini=None, env=None, args=None, directory=None):
+def run_cli(php, script, ini=None, env=None, args=None, directory=None, load_module=True):
     """Runs a script under the CLI with the file reporter; returns
     (completed process, Traces, directory)."""
     directory = directory or tempfile.mkdtemp(prefix="corvidine-it-cli-")
@@ -320,7 +320,7 @@ def run_cli(php, script, ini=None, env=None, args=None, directory=None):
     full_env.update({"CORVIDINE_REPORTER": "file", "CORVIDINE_COLLECTOR": traces.prefix})
     full_env.update(env or {})
     log = os.path.join(directory, "php-errors.log")
-    command = [php.cli] + php.ini_args(ini or {}, log) + [script] + (args or [])
+    command = [php.cli] + php.ini_args(ini or {}, log, load_module) + [script] + (args or [])
     result = subprocess.run(command, env=full_env, capture_output=True, timeout=60)
     return result, traces, directory
 
@@ -366,3 +366,65 @@ http {{
     }}
 }}
 """
+
+
+class MariaDB:
+    """A MariaDB server of its own: a fresh data directory, a free loopback
+    port and a socket in a temporary directory, no grant tables (any user
+    gets in), database "test". Stopped and removed by stop()."""
+
+    def __init__(self):
+        self.dir = tempfile.mkdtemp(prefix="corvidine-it-mariadb-")
+        self.data = os.path.join(self.dir, "data")
+        self.socket = os.path.join(self.dir, "mysqld.sock")
+        self.port = None
+        self.process = None
+
+    @staticmethod
+    def available():
+        return shutil.which("mariadbd", path="/usr/sbin:/usr/bin") is not None and \
+            shutil.which("mariadb-install-db") is not None
+
+    def start(self):
+        subprocess.run(["mariadb-install-db", "--no-defaults", "--user=root", "--datadir=" + self.data,
+                        "--auth-root-authentication-method=normal", "--skip-test-db"],
+                       check=True, capture_output=True, timeout=120)
+        os.makedirs(os.path.join(self.data, "test"), exist_ok=True)
+        self.port = free_port()
+        self.process = subprocess.Popen(
+            [shutil.which("mariadbd", path="/usr/sbin:/usr/bin"), "--no-defaults", "--user=root",
+             "--datadir=" + self.data, "--socket=" + self.socket, "--port=%d" % self.port,
+             "--bind-address=127.0.0.1", "--skip-grant-tables", "--skip-name-resolve", "--skip-log-bin",
+             "--innodb-buffer-pool-size=16M", "--pid-file=" + os.path.join(self.dir, "mysqld.pid"),
+             "--log-error=" + os.path.join(self.dir, "error.log")],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            wait_for_port(self.port, self.process, timeout=60)
+        except RuntimeError:
+            self.stop()
+            raise
+        return self
+
+    def stop(self):
+        if self.process is not None and self.process.poll() is None:
+            self.process.terminate()
+            try:
+                self.process.wait(timeout=30)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+        self.process = None
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+
+def database_ini(php):
+    """INI that loads the database modules a -n run lacks (a PHP with them
+    built in needs none), in the order they depend on each other."""
+    if php.flavour == "zts":
+        return {}
+    directory = subprocess.run([php.cli, "-n", "-r", "echo PHP_EXTENSION_DIR;"], capture_output=True,
+                               text=True, check=True).stdout
+    modules = [m for m in ("mysqlnd", "mysqli", "pdo", "pdo_sqlite", "pdo_mysql")
+               if os.path.exists(os.path.join(directory, m + ".so"))]
+    # "-d extension=..." more than once: a list value becomes one -d per item.
+    return {"extension": modules}

@@ -161,3 +161,46 @@ class ThreadedServer(unittest.TestCase):
             names.update(f.get("M") for i in infos for f in i["NewFrames"])
         self.assertEqual(THREADS, len(tids))
         self.assertTrue({"crunch", "pause", "usleep"} <= names, names)
+
+    def test_database_calls_per_thread(self):
+        """PDO on SQLite and (with mariadb-server) a mysqli statement prepared
+        and executed on every thread at once: each traced request's database
+        events carry its own queries and bound values, untraced ones have none."""
+        code = ("preg_match('~^/t(\\d+)/r(\\d+)~', $_SERVER['REQUEST_URI'], $m);"
+                "$db = new PDO('sqlite::memory:'); $db->exec('CREATE TABLE t (a)');"
+                "$db->prepare('INSERT INTO t VALUES (?)')->execute([\"t{$m[1]}\"]);"
+                "$db->query(\"SELECT a FROM t WHERE a <> 'r{$m[2]}'\")->fetchAll();"
+                "if (getenv('MYSQL_PORT')) { $l = new mysqli('127.0.0.1', 'root', '', 'test', (int)getenv('MYSQL_PORT'));"
+                " $s = $l->stmt_init(); $s->prepare('SELECT ?'); $s->execute([\"t{$m[1]} r{$m[2]}\"]); $s->get_result(); }")
+        server = harness.MariaDB().start() if harness.MariaDB.available() else None
+        try:
+            result, traces = self.run_threads(extra_env={
+                "CORVIDINE_THREADS_CODE": code, "CORVIDINE_THREADS_INI": "corvidine.enable_sanitize_sql=0",
+                "MYSQL_PORT": str(server.port) if server else ""})
+        finally:
+            if server:
+                server.stop()
+        self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
+        by_task = collections.defaultdict(list)
+        for event in harness.decode_documents(traces):
+            if "Label" in event and not event.get("__Init"):
+                by_task[event["X-Trace"][2:42]].append(event)
+        by_url = {e["URL"]: events for events in by_task.values() for e in events
+                  if e["Label"] == "entry" and e.get("Layer") == "PHP"}
+        for t in range(THREADS):
+            for r in range(REQUESTS):
+                with self.subTest(thread=t, request=r):
+                    if r % 2:
+                        self.assertNotIn("/t%d/r%d" % (t, r), by_url)
+                        continue
+                    calls = []
+                    for e in by_url["/t%d/r%d" % (t, r)]:
+                        if e.get("Layer") in ("php_pdo", "php_mysqli") and e["Label"] == "entry":
+                            calls.append((e["Function"], e["Query"].decode()))
+                        if e.get("QueryArgs"):
+                            calls.append(list(e["QueryArgs"].values()))
+                    expected = [("exec", "CREATE TABLE t (a)"), ("execute", "INSERT INTO t VALUES (?)"), ["t%d" % t],
+                                ("query", "SELECT a FROM t WHERE a <> 'r%d'" % r)]
+                    if server:
+                        expected += [("execute", "SELECT ?"), ["t%d r%d" % (t, r)]]
+                    self.assertEqual(expected, calls)

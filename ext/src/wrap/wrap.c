@@ -272,4 +272,5 @@ void php_vesk_wrap_request_end(void) {
     php_vesk_curl_request_end();
     VESK_G(wrap_mask) = 0;
     VESK_G(wrap_state) = 0;
+    php_vesk_mysqli_request_end();
 }
