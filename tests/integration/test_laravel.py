@@ -226,6 +226,7 @@ SHOP = [
                                       "Events": "App\\Events\\OrderPlaced", "Queued": 0}),
     ("laravel_event_listener exit", {}),
     ("laravel_sql entry", {"Spec": "query", "Flavor": "sqlite", "Query": "select ? as answer"}),
+    ("php_pdo entry", {"Flavor": "sqlite"}), ("php_pdo exit", {}),  # the PDO wrapper inside the SQL span
     ("laravel_sql exit", {}),
     ("laravel_cache entry", {"KVOp": "put", "KVKey": "visits", "Flavor": "file", "RemoteHost": "127.0.0.1"}),
     ("laravel_cache exit", {}),
