@@ -65,7 +65,7 @@ TEST_F(StartupTest, ReporterNamesAreExact) {
 }
 
 TEST_F(StartupTest, NoOptionsMeansDefaultsAndThePlaceholderKey) {
-    EXPECT_NE(0, vesk_init(nullptr));  // "ssl" is chosen and cannot start here
+    EXPECT_NE(0, vesk_init(nullptr));  // "ssl" is chosen and is not linked in here
     ASSERT_NE(nullptr, vesk_init_options_get());
     EXPECT_STREQ(VESK_MISSING_SERVICE_KEY, vesk_init_options_get()->service_key);
     EXPECT_EQ(nullptr, vesk_init_options_get()->reporter);
