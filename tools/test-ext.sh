@@ -34,7 +34,8 @@ JOBS=${JOBS:-$(nproc)}
 log() { printf 'test-ext[%s]: %s\n' "$FLAVOUR" "$*"; }
 
 # --- packages the tests need ---------------------------------------------------
-packages=(php8.2-dev php8.2-cli php8.2-fpm python3-bson nginx-light pkg-config libpcre2-dev libssl-dev)
+packages=(php8.2-dev php8.2-cli php8.2-fpm python3-bson nginx-light pkg-config libpcre2-dev libssl-dev
+  thrift-compiler libthrift-dev zlib1g-dev python3-thrift)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -91,6 +92,7 @@ link_files core/include
 link_files core/src \( -name '*.cc' -o -name '*.h' \)
 link_files reporters/include
 link_files reporters/src \( -name '*.cc' -o -name '*.h' \)
+link_files reporters/collector \( -name '*.cc' -o -name '*.h' -o -name '*.thrift' \)
 rm -rf "$SRC/ext/tests" "$SRC/tests/support"
 cp -r "$ROOT/ext/tests" "$SRC/ext/tests"
 # The helpers shared by all tests, at the same place relative to ext/tests.
