@@ -49,19 +49,23 @@ LogCapture::~LogCapture() {
 }
 
 const LogLine *LogCapture::find(const std::string &message) const {
+    std::lock_guard<std::mutex> lock(mutex_);
     for (const LogLine &line : lines_)
         if (line.message == message) return &line;
     return nullptr;
 }
 
 bool LogCapture::contains(const std::string &part) const {
+    std::lock_guard<std::mutex> lock(mutex_);
     for (const LogLine &line : lines_)
         if (line.message.find(part) != std::string::npos) return true;
     return false;
 }
 
 void LogCapture::collect(void *ctx, int module, int level, const char *, int, const char *message) {
-    static_cast<LogCapture *>(ctx)->lines_.push_back({module, level, message});
+    LogCapture *self = static_cast<LogCapture *>(ctx);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->lines_.push_back({module, level, message});
 }
 
 std::string padded_document(int32_t n, size_t pad) {

@@ -4,6 +4,7 @@
 
 #include <stdint.h>
 
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -37,10 +38,14 @@ public:
     // The first line equal to `message`, or null.
     const LogLine *find(const std::string &message) const;
     bool contains(const std::string &part) const;
-    void clear() { lines_.clear(); }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.clear();
+    }
 
 private:
     static void collect(void *ctx, int module, int level, const char *, int, const char *message);
+    mutable std::mutex mutex_;  // reporters' threads log too
     std::vector<LogLine> lines_;
     int saved_level_;
 };
