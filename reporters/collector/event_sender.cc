@@ -34,8 +34,6 @@ uint64_t getMessages(vesk_ssl_reporter::Queue &queue, BsonMessages &batch, int l
     return batch.bytes;
 }
 
-void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
 }  // namespace
 
 // Defined here so that metric_sender.cc shares it.
@@ -45,7 +43,7 @@ uint64_t drainStatus(vesk_ssl_reporter::Queue &queue, BsonMessages &batch, int l
 
 void vesk_ssl_reporter::eventSender() {
     EVENT_LOG(VESK_DEBUG_HIGH, "STARTING: eventSender SSL sending thread");
-    for (int i = 0; i < 3; i++) sleepMs(10);
+    for (int i = 0; i < 3; i++) pause(10);
     CollectorConnector &conn = connector();
     CollectorLink &link = conn.eventLink;
     hostIdentity.refreshHostId();
@@ -82,7 +80,7 @@ void vesk_ssl_reporter::eventSender() {
                     eventConnected = true;
                 }
             }
-            sleepMs(kIdleSleepMs);
+            pause(kIdleSleepMs);
             continue;
         }
 
@@ -173,7 +171,7 @@ void vesk_ssl_reporter::eventSender() {
             }
             if (!eventConnected) {
                 CollectorConnector::close(link.transport);
-                sleepMs(kIdleSleepMs);
+                pause(kIdleSleepMs);
                 continue;
             }
         }
@@ -187,7 +185,7 @@ void vesk_ssl_reporter::eventSender() {
             }
             nextPing = Clock::now() + std::chrono::seconds(kPingIntervalS);
         }
-        if (idle) sleepMs(kIdleSleepMs);
+        if (idle) pause(kIdleSleepMs);
     }
 
     if (eventConnected && CollectorConnector::close(link.transport) == 0) eventConnected = false;

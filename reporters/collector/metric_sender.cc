@@ -132,7 +132,7 @@ void vesk_ssl_reporter::settingsStep(MetricSenderState &st, Clock::time_point no
 
 void vesk_ssl_reporter::metricSender() {
     METRIC_LOG(VESK_DEBUG_HIGH, "STARTING: metricSender SSL sending thread");
-    for (int i = 0; i < 3; i++) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (int i = 0; i < 3; i++) pause(10);
     CollectorConnector &conn = connector();
     CollectorLink &link = conn.metricLink;
     MetricSenderState st;
@@ -224,7 +224,7 @@ void vesk_ssl_reporter::metricSender() {
             st.nextTimeoutCheck = Clock::now() + std::chrono::seconds(kTimeoutCheckIntervalS);
             settingsManager->deleteTimedOut(static_cast<int64_t>(time(nullptr)));
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(kIdleSleepMs));
+        pause(kIdleSleepMs);
     }
     if (metricConnected && CollectorConnector::close(link.transport) == 0) metricConnected = false;
     METRIC_LOG(VESK_DEBUG_LOW, "metricSender: STOPPING");

@@ -176,11 +176,21 @@ bool vesk_ssl_reporter::flush(int limitMs) {
     return !doFlushEvents_ && !doFlushMetrics_;
 }
 
+void vesk_ssl_reporter::pause(int ms) {
+    std::unique_lock<std::mutex> lock(pauseMutex_);
+    pauseCondition_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return stopping_; });
+}
+
 void vesk_ssl_reporter::disconnect() {
     eventQueue.stop();
     profilingQueue.stop();
     statusQueue.stop();
     threadsStop = true;
+    {
+        std::lock_guard<std::mutex> lock(pauseMutex_);
+        stopping_ = true;
+    }
+    pauseCondition_.notify_all();
     for (std::thread *t : {&eventThread, &metricThread}) {
         if (!t->joinable()) continue;
         if (t->get_id() == std::this_thread::get_id()) {

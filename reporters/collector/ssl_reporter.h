@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -158,6 +159,9 @@ private:
     bool handleMetricReply(class MetricSenderState &state, const ::collector::thrift::ResultMessage &reply,
                            BsonMessages &batch, RetryState &retry);
     void copyHostId(::collector::thrift::HostID &out);
+    // Sender threads: a sleep that disconnect cuts short, so that a process
+    // does not wait out a sender's idle pause when it ends.
+    void pause(int ms);
 
     std::shared_ptr<VeskSSLSocketFactory> factory_;
     std::once_flag connectorOnce_;
@@ -196,6 +200,9 @@ private:
     std::atomic<bool> eventConnected{false};
     std::atomic<bool> metricConnected{false};
     const CollectorTimeouts timeouts_;
+    std::mutex pauseMutex_;
+    std::condition_variable pauseCondition_;
+    bool stopping_ = false;  // under pauseMutex_
     std::thread eventThread;
     std::thread metricThread;
 };
