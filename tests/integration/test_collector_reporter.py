@@ -77,12 +77,12 @@ def alive(pid):
         return False
 
 
-def server(port, **env):
+def server(port, children=2, **env):
     e = {"CORVIDINE_REPORTER": "ssl", "CORVIDINE_COLLECTOR": "127.0.0.1:%d" % port,
          "CORVIDINE_TRUSTEDPATH": authority().pem_path, "CORVIDINE_SERVICE_KEY": "0123456789abcdef:it-service",
          "CORVIDINE_FLUSH_MAX_WAIT_TIME": "2000"}
     e.update({k: str(v) for k, v in env.items()})
-    return harness.FpmServer(harness.CURRENT_PHP, {"corvidine.max_ready_wait_time": "3000"}, e, children=2)
+    return harness.FpmServer(harness.CURRENT_PHP, {"corvidine.max_ready_wait_time": "3000"}, e, children=children)
 
 
 def traced_requests(c, fpm, count, marker):
@@ -125,6 +125,9 @@ class CollectorReporter(unittest.TestCase):
                 self.assertNotIn(fpm.processes[0].pid, pids)
                 self.assertTrue(all(c.calls_of("getSettings")))
                 self.assertEqual({"0123456789abcdef:it-service"}, {p["apiKey"] for p in posts})
+                # The start-up document goes on the status channel.
+                self.assertTrue(wait_for(lambda: any(
+                    bson.decode(m).get("__Init") for call in c.calls_of("postStatus") for m in call["messages"])))
 
     def test_reply_codes(self):
         # (scripted replies, documents re-sent after them, sending stops)
