@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -353,4 +354,28 @@ TEST(HostId, MetadataFetchKeepsItsTimeouts) {
     close(listener);
     EXPECT_EQ("", httpGetLines(address, "/x", 300, 300));  // nobody listens now
     EXPECT_EQ("", httpGetLines("not-an-address:80", "/x", 300, 300));  // never a name lookup
+}
+
+// A forked child inherits the reporter without its threads: destroy there
+// neither flushes nor joins, it only closes the inherited sockets.
+TEST(SslReporter, DestroyInAForkedChildOnlyClosesSockets) {
+    vesk_init_options_t o = corvidine_test::init_options("ssl", "127.0.0.1:1");
+    o.max_flush_wait_time = 1000;
+    vesk_reporter_t table;
+    ASSERT_EQ(0, vesk_reporter_init_ssl(&table, &o));
+    void *r = vesk_reporter_get_context(&table);
+    static_cast<vesk_ssl_reporter *>(r)->send(0, "abc", 3);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        auto start = std::chrono::steady_clock::now();
+        int rc = table.destroy(r);
+        bool quick = std::chrono::steady_clock::now() - start < std::chrono::milliseconds(150);
+        _exit(rc == 1 && quick ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(1, table.destroy(r));  // the parent's: flushes (in vain here), joins, frees
+    EXPECT_EQ(0, table.destroy(nullptr));
 }
