@@ -44,6 +44,7 @@ uint64_t drainStatus(vesk_ssl_reporter::Queue &queue, BsonMessages &batch, int l
 void vesk_ssl_reporter::eventSender() {
     EVENT_LOG(VESK_DEBUG_HIGH, "STARTING: eventSender SSL sending thread");
     for (int i = 0; i < 3; i++) pause(10);
+    if (stopRequested()) return;  // a short-lived process: nothing was ever sent
     CollectorConnector &conn = connector();
     CollectorLink &link = conn.eventLink;
     hostIdentity.refreshHostId();

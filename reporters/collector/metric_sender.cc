@@ -133,6 +133,7 @@ void vesk_ssl_reporter::settingsStep(MetricSenderState &st, Clock::time_point no
 void vesk_ssl_reporter::metricSender() {
     METRIC_LOG(VESK_DEBUG_HIGH, "STARTING: metricSender SSL sending thread");
     for (int i = 0; i < 3; i++) pause(10);
+    if (stopRequested()) return;  // a short-lived process: nothing was ever sent
     CollectorConnector &conn = connector();
     CollectorLink &link = conn.metricLink;
     MetricSenderState st;

@@ -181,6 +181,11 @@ void vesk_ssl_reporter::pause(int ms) {
     pauseCondition_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return stopping_; });
 }
 
+bool vesk_ssl_reporter::stopRequested() {
+    std::lock_guard<std::mutex> lock(pauseMutex_);
+    return stopping_;
+}
+
 void vesk_ssl_reporter::disconnect() {
     eventQueue.stop();
     profilingQueue.stop();

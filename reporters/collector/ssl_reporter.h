@@ -162,6 +162,9 @@ private:
     // Sender threads: a sleep that disconnect cuts short, so that a process
     // does not wait out a sender's idle pause when it ends.
     void pause(int ms);
+    // True once disconnect has begun: a sender that has not touched the
+    // network yet then ends without building its TLS set-up.
+    bool stopRequested();
 
     std::shared_ptr<VeskSSLSocketFactory> factory_;
     std::once_flag connectorOnce_;
