@@ -47,8 +47,27 @@ if test "$PHP_CORVIDINE" != "no"; then
   vesk_core_flags=`echo "$PHP_CORVIDINE_STDCXX -fvisibility=hidden $VESK_PCRE2_CFLAGS $vesk_includes $vesk_warnings" | $SED "s#@ext_srcdir@#$abs_srcdir#g"`
   PHP_ADD_SOURCES_X([..], [$vesk_core_sources], [$vesk_core_flags], [shared_objects_corvidine], [yes])
 
+  dnl The Collector reporter (../reporters/collector): its Thrift client is
+  dnl generated here, at configure time, into collector-gen of the build
+  dnl directory; it links libthrift and libthriftz.
+  AC_PATH_PROG([VESK_THRIFT], [thrift], [no])
+  if test "$VESK_THRIFT" = "no"; then
+    AC_MSG_ERROR([the thrift compiler is needed for the Collector reporter (Debian: thrift-compiler)])
+  fi
+  PKG_CHECK_MODULES([VESK_THRIFT_LIB], [thrift thrift-z])
+  mkdir -p collector-gen
+  $VESK_THRIFT --gen cpp:no_skeleton -out collector-gen "$abs_srcdir/../reporters/collector/collector.thrift" ||
+    AC_MSG_ERROR([thrift could not compile collector.thrift])
+  PHP_EVAL_LIBLINE([$VESK_THRIFT_LIB_LIBS], [CORVIDINE_SHARED_LIBADD])
+  PHP_ADD_LIBRARY([z], 1, [CORVIDINE_SHARED_LIBADD])
+  vesk_collector_sources=`cd "$abs_srcdir/.." && ls reporters/collector/*.cc | LC_ALL=C sort | tr '\n' ' '`
+  vesk_collector_flags="$vesk_core_flags $VESK_THRIFT_LIB_CFLAGS -I$abs_srcdir/../reporters/collector -I`pwd`/collector-gen"
+  PHP_ADD_SOURCES_X([..], [$vesk_collector_sources], [$vesk_collector_flags], [shared_objects_corvidine], [yes])
+  PHP_ADD_SOURCES_X([/collector-gen], [Collector.cpp collector_types.cpp], [$vesk_collector_flags -w],
+    [shared_objects_corvidine], [yes])
+
   vesk_object_dirs=`cd "$abs_srcdir" && find src -type d | tr '\n' ' '`
-  for vesk_dir in $vesk_object_dirs ../core/src ../reporters/src; do
+  for vesk_dir in $vesk_object_dirs ../core/src ../reporters/src ../reporters/collector collector-gen; do
     PHP_ADD_BUILD_DIR([$ext_builddir/$vesk_dir])
   done
 fi

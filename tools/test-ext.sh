@@ -36,6 +36,7 @@ log() { printf 'test-ext[%s]: %s\n' "$FLAVOUR" "$*"; }
 # --- packages the tests need ---------------------------------------------------
 packages=(php8.2-dev php8.2-cli php8.2-fpm php8.2-curl python3-bson nginx-light pkg-config libpcre2-dev libssl-dev)
 packages+=(php8.2-mysql php8.2-sqlite3 mariadb-server) # database wrappers (integration tests, bench-db)
+packages+=(thrift-compiler libthrift-dev zlib1g-dev python3-thrift) # the Collector reporter's client
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -92,6 +93,7 @@ link_files core/include
 link_files core/src \( -name '*.cc' -o -name '*.h' \)
 link_files reporters/include
 link_files reporters/src \( -name '*.cc' -o -name '*.h' \)
+link_files reporters/collector \( -name '*.cc' -o -name '*.h' -o -name '*.thrift' \)
 rm -rf "$SRC/ext/tests" "$SRC/tests/support" "$SRC/tests/integration"
 cp -r "$ROOT/ext/tests" "$SRC/ext/tests"
 # The helpers shared by all tests (and the server harness the fpm test uses),

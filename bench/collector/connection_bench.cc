@@ -14,58 +14,18 @@
 #include <vector>
 
 #include "connector.h"
+#include "dev_collector.h"
 
 using namespace corvidine;
 
 namespace {
 
-struct DevCollector {
-    pid_t pid = -1;
-    int port = 0;
-    std::string trusted;
-
-    DevCollector() {
-        char dir[] = "/tmp/collector-bench-XXXXXX";
-        if (mkdtemp(dir) == nullptr) return;
-        int out[2];
-        if (pipe(out) != 0) return;
-        pid = fork();
-        if (pid == 0) {
-            dup2(out[1], 1);
-            close(out[0]);
-            std::string script = std::string(CORVIDINE_SOURCE_DIR) + "/tests/support/collector/collector.py";
-            execl("/usr/bin/python3", "python3", script.c_str(), "--dir", dir, "--quiet", (char *)nullptr);
-            _exit(127);
-        }
-        close(out[1]);
-        // First line: {"port": N, "trusted": "PATH"}
-        FILE *f = fdopen(out[0], "r");
-        char line[1024] = "";
-        if (f && fgets(line, sizeof line, f)) {
-            char path[900] = "";
-            if (sscanf(line, "{\"port\": %d, \"trusted\": \"%899[^\"]\"}", &port, path) == 2) trusted = path;
-        }
-        if (f) fclose(f);
-    }
-    ~DevCollector() {
-        if (pid > 0) {
-            kill(pid, SIGTERM);
-            waitpid(pid, nullptr, 0);
-        }
-    }
-};
-
-DevCollector &collector() {
-    static DevCollector c;
-    return c;
-}
-
 std::shared_ptr<CollectorConnector> connector() {
     auto factory = std::make_shared<VeskSSLSocketFactory>();
     std::string error;
-    if (factory->loadTrust(collector().trusted, error) != 0) return nullptr;
+    if (factory->loadTrust(devCollector().trusted, error) != 0) return nullptr;
     auto c = std::make_shared<CollectorConnector>(factory, "0123456789abcdef:bench");
-    c->setSocketParams("localhost", collector().port);
+    c->setSocketParams("localhost", devCollector().port);
     return c;
 }
 

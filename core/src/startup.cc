@@ -13,7 +13,6 @@
 #include "corvidine/bson.h"
 #include "corvidine/context.h"
 #include "corvidine/debug_log.h"
-#include "corvidine/local_reporters.h"
 #include "corvidine/span.h"
 
 namespace {
@@ -191,24 +190,15 @@ int vesk_init_reporter(const char *protocol, const vesk_init_options_t *options)
         name = g_cur_reporter_options->reporter;
     if (name[0] == '\0') name = VESK_DEFAULT_REPORTER;
 
-    int (*init)(vesk_reporter_t *, const vesk_init_options_t *) = nullptr;
-    if (strcmp(name, "file") == 0)
-        init = vesk_reporter_init_file;
-    else if (strcmp(name, "udp") == 0)
-        init = vesk_reporter_init_udp;
-    else if (strcmp(name, "null") == 0)
-        init = vesk_reporter_init_null;
-    else if (strcmp(name, "ssl") == 0)
-        init = vesk_reporter_init_ssl;
-
-    if (init == nullptr) {
+    const vesk_reporter_entry_t *entry = vesk_reporter_entry_find(name);
+    if (entry == nullptr) {
         VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_ERROR, "Invalid Vesk protocol '%s' in INI - aborting",
                              name);
         g_cur_reporter_pid = current_pid();
         return 2;
     }
     VESK_DEBUG_LOG(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_LOW, "Initializing '%s' reporter", name);
-    int result = init(&g_reporter, g_cur_reporter_options);
+    int result = entry->init(&g_reporter, g_cur_reporter_options);
     if (result == 0) {
         VESK_DEBUG_LOG(VESK_DEBUG_MODULE_LIB, VESK_DEBUG_MEDIUM, "Reporter successfully initialized");
         g_cur_reporter = &g_reporter;

@@ -6,6 +6,7 @@
 
 #include "corvidine/debug_log.h"
 #include "corvidine/local_reporters.h"
+#include "corvidine/startup.h"
 #include "corvidine/settings.h"
 
 namespace {

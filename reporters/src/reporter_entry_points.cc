@@ -5,6 +5,7 @@
 
 #include "corvidine/event.h"
 #include "corvidine/local_reporters.h"
+#include "corvidine/startup.h"
 
 namespace {
 

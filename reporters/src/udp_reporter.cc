@@ -12,6 +12,7 @@
 
 #include "corvidine/debug_log.h"
 #include "corvidine/local_reporters.h"
+#include "corvidine/startup.h"
 #include "corvidine/settings.h"
 
 namespace {

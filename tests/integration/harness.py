@@ -135,7 +135,8 @@ class Server:
         self.traces = Traces(self.dir)
         self.php_log = os.path.join(self.dir, "php-errors.log")
         self.env = dict(os.environ)
-        self.env.update({"CORVIDINE_REPORTER": "file", "CORVIDINE_COLLECTOR": self.traces.prefix})
+        self.env.update({"CORVIDINE_REPORTER": "file", "CORVIDINE_COLLECTOR": self.traces.prefix,
+                         "CORVIDINE_CLOUD_METADATA": "off"})  # nothing beyond loopback
         self.env.update(env or {})
         self.processes = []
         self.port = None

@@ -13,6 +13,8 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include "corvidine/init_options.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -61,6 +63,29 @@ typedef struct vesk_reporter_extended {
     char *name;
     void *reporter;
 } vesk_reporter_extended_t;
+
+/* A reporter's init function: clears and fills the table from the options
+ * (null: all defaults). 0, or a code of its own. Runs under the start-up
+ * mutex. */
+typedef int (*vesk_reporter_init_fn)(vesk_reporter_t *reporter, const vesk_init_options_t *options);
+
+/* A reporter that can be chosen by name. */
+typedef struct vesk_reporter_entry {
+    const char *name;
+    vesk_reporter_init_fn init;
+} vesk_reporter_entry_t;
+
+/* The reporters every build has (file, udp, null), ended by an entry with a
+ * null name. Owned by reporters/, read by the registry. */
+extern const vesk_reporter_entry_t vesk_builtin_reporters[];
+
+/* Adds a reporter that lives outside the built-in table (the Collector
+ * reporter, a test reporter); call before the library starts, e.g. at module
+ * start. A name that is taken already gets the new init function. 0, or -1
+ * when the table is full or an argument is null. */
+int vesk_reporter_entry_register(const char *name, vesk_reporter_init_fn init);
+/* The entry of that exact name, registered ones first; null when none. */
+const vesk_reporter_entry_t *vesk_reporter_entry_find(const char *name);
 
 #ifdef __cplusplus
 }

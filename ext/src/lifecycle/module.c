@@ -7,6 +7,7 @@
 #include "SAPI.h"
 
 #include "corvidine/settings.h"
+#include "corvidine/ssl_reporter.h"
 #include "corvidine/startup.h"
 
 #include "src/config/ini.h"
@@ -120,6 +121,7 @@ zend_result php_vesk_module_startup(int type, int module_number) {
 
     /* corvidine.enable is not read here: with it off the core and the hooks
      * still start, and only the request callbacks stand still. */
+    vesk_reporter_register_ssl(); /* "ssl", the Collector reporter */
     vesk_init_options_t options;
     vesk_set_init_options(php_vesk_service_key, sizeof(php_vesk_service_key), &options);
     vesk_init(&options);

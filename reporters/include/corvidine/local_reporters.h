@@ -14,7 +14,7 @@
 #include <sys/types.h>
 
 #include "corvidine/reporter.h"
-#include "corvidine/startup.h"
+#include "corvidine/reporter.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -68,8 +68,6 @@ typedef struct vesk_udp_descriptor {
 int vesk_reporter_init_null(vesk_reporter_t *reporter, const vesk_init_options_t *options);
 int vesk_reporter_init_file(vesk_reporter_t *reporter, const vesk_init_options_t *options);
 int vesk_reporter_init_udp(vesk_reporter_t *reporter, const vesk_init_options_t *options);
-/* The Collector reporter; until it exists this fails with the no-table code. */
-int vesk_reporter_init_ssl(vesk_reporter_t *reporter, const vesk_init_options_t *options);
 
 /* Older entry points kept for callers linked against them: they only clear
  * the table and make sure the library has started. 0, or -1 for a null

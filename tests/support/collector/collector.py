@@ -82,9 +82,10 @@ def _plain(obj):
 
 
 class Collector:
-    def __init__(self, tls=None, silent=False, host="127.0.0.1"):
+    def __init__(self, tls=None, silent=False, host="127.0.0.1", port=0):
         """`tls`: a server SSLContext, or None to speak without TLS.
-        `silent`: accept connections and never read or write a byte."""
+        `silent`: accept connections and never read or write a byte.
+        `port`: 0 for a free one; a given one lets a test restart a Collector."""
         self.tls, self.silent = tls, silent
         self.calls, self.handshakes, self.errors = [], [], []
         self._replies = {m: [] for m in METHODS}
@@ -93,7 +94,7 @@ class Collector:
         self._conns = []
         self._listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self._listener.bind((host, 0))
+        self._listener.bind((host, port))
         self._listener.listen(16)
         self.host, self.port = self._listener.getsockname()
         self._thread = threading.Thread(target=self._accept, daemon=True)
@@ -115,6 +116,12 @@ class Collector:
 
     def stop(self):
         self._stop.set()
+        try:
+            # shutdown wakes the accepting thread, so that the port is free
+            # at once for a Collector started on it again.
+            self._listener.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
         try:
             self._listener.close()
         except OSError:

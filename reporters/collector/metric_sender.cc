@@ -1,0 +1,234 @@
+// The metric thread: status documents, settings from the Collector, the
+// expiry of settings, the host identity, and the hand-over of spans and
+// custom metrics to their aggregation. Paced by a 500 ms sleep and timers.
+#include <time.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "corvidine/debug_log.h"
+#include "ssl_reporter.h"
+
+namespace corvidine {
+
+namespace wire = ::collector::thrift;
+using apache::thrift::TException;
+
+#define METRIC_LOG(level, ...) VESK_DEBUG_LOG(VESK_DEBUG_MODULE_REPORTER_SSL, level, __VA_ARGS__)
+#define METRIC_USAGE(level, ...) VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_REPORTER_SSL, level, __VA_ARGS__)
+
+uint64_t drainStatus(vesk_ssl_reporter::Queue &queue, BsonMessages &batch, int limitKb);
+
+class MetricSenderState {
+public:
+    using Clock = vesk_ssl_reporter::Clock;
+    Clock::time_point nextSettings, nextTimeoutCheck, nextPing, nextHostRefresh;
+    BsonMessages statusBatch;
+    RetryState connectRetry, settingsRetry, statusRetry;
+    int failedConnects = 0;
+    int redirects = 0;
+    int flushPasses = 0;
+};
+
+bool vesk_ssl_reporter::handleMetricReply(MetricSenderState &st, const wire::ResultMessage &reply,
+                                          BsonMessages &batch, RetryState &retry) {
+    bool again = false;
+    switch (reply.result) {
+    case wire::ResultCode::OK:
+        METRIC_LOG(VESK_DEBUG_HIGH, "metricSender: Sent Status");
+        batch = BsonMessages();
+        retry.active = false;
+        st.redirects = 0;
+        break;
+    case wire::ResultCode::TRY_LATER:
+        METRIC_LOG(VESK_DEBUG_LOW, "metricSender: Server responded: Try later");
+        again = true;
+        break;
+    case wire::ResultCode::LIMIT_EXCEEDED:
+        METRIC_LOG(VESK_DEBUG_LOW, "metricSender: Server responded: Limit exceeded");
+        again = true;
+        break;
+    case wire::ResultCode::INVALID_API_KEY:
+        METRIC_USAGE(VESK_DEBUG_ERROR, "metricSender: Server responded: Invalid API key");
+        batch = BsonMessages();
+        threadsStop = true;
+        break;
+    case wire::ResultCode::REDIRECT:
+        if (st.redirects >= kMaxRedirects) {
+            METRIC_USAGE(VESK_DEBUG_ERROR, "metricSender: Max redirects of %d exceeded", kMaxRedirects);
+            threadsStop = true;
+            break;
+        }
+        metricConnected = false;
+        connector().setRedirectAddress(reply.arg);
+        st.redirects++;
+        st.connectRetry.active = false;
+        retry.active = false;
+        break;
+    default:
+        break;
+    }
+    return again;
+}
+
+void vesk_ssl_reporter::settingsStep(MetricSenderState &st, Clock::time_point now) {
+    CollectorLink &link = connector().metricLink;
+    METRIC_LOG(VESK_DEBUG_HIGH, "metricSender: Requesting settings update...");
+    wire::HostID id;
+    char name[65] = {0};
+    gethostname(name, 64);
+    id.__set_hostname(name);
+    try {
+        wire::SettingsResult result;
+        link.client->getSettings(result, apiKey, id, "2");
+        switch (result.result) {
+        case wire::ResultCode::OK: {
+            METRIC_LOG(VESK_DEBUG_HIGH, "metricSender: Processed settings update");
+            std::map<std::string, std::string> arguments;
+            settingsManager->update(result.settings, arguments);
+            processRemoteConfig(arguments);
+            st.settingsRetry.active = false;
+            st.redirects = 0;
+            break;
+        }
+        case wire::ResultCode::TRY_LATER:
+        case wire::ResultCode::LIMIT_EXCEEDED:
+            METRIC_LOG(VESK_DEBUG_LOW, result.result == wire::ResultCode::TRY_LATER
+                                           ? "metricSender: Server responded: Try later"
+                                           : "metricSender: Server responded: Limit exceeded");
+            setRetryDelay(st.settingsRetry, "metricSender.getSettings", RetryClock::now());
+            st.settingsRetry.attempts = 0;  // settings are asked for as long as it takes
+            break;
+        case wire::ResultCode::INVALID_API_KEY:
+            METRIC_USAGE(VESK_DEBUG_ERROR, "metricSender: Server responded: Invalid API key");
+            threadsStop = true;
+            break;
+        case wire::ResultCode::REDIRECT:
+            if (st.redirects >= kMaxRedirects) {
+                METRIC_USAGE(VESK_DEBUG_ERROR, "metricSender: Max redirects of %d exceeded", kMaxRedirects);
+                threadsStop = true;
+                break;
+            }
+            metricConnected = false;
+            connector().setRedirectAddress(result.arg);
+            st.connectRetry.active = false;
+            st.settingsRetry.active = false;
+            st.redirects++;
+            break;
+        default:
+            break;
+        }
+    } catch (const TException &e) {
+        METRIC_LOG(VESK_DEBUG_LOW, "metricSender: Error getting settings update: %s", e.what());
+        setRetryDelay(st.settingsRetry, "metricSender.getSettings", RetryClock::now());
+        st.settingsRetry.attempts = 0;
+        metricConnected = false;
+    }
+    if (metricConnected && !st.settingsRetry.active) {
+        st.nextPing = now + std::chrono::seconds(kPingIntervalS);
+        st.nextSettings = now + std::chrono::seconds(kSettingsIntervalS);
+    }
+}
+
+void vesk_ssl_reporter::metricSender() {
+    METRIC_LOG(VESK_DEBUG_HIGH, "STARTING: metricSender SSL sending thread");
+    for (int i = 0; i < 3; i++) pause(10);
+    if (stopRequested()) return;  // a short-lived process: nothing was ever sent
+    CollectorConnector &conn = connector();
+    CollectorLink &link = conn.metricLink;
+    MetricSenderState st;
+    auto start = Clock::now();
+    st.nextSettings = start;
+    st.nextTimeoutCheck = start + std::chrono::seconds(kTimeoutCheckIntervalS);
+    st.nextPing = start + std::chrono::seconds(kPingIntervalS);
+    st.nextHostRefresh = start;
+
+    while (!threadsStop) {
+        auto now = Clock::now();
+        auto wallNow = RetryClock::now();
+        if (!metricConnected && retryAllowed(st.connectRetry, wallNow)) {
+            int fd = conn.connect(link);
+            if (fd <= 0) {
+                if (st.connectRetry.active) {
+                    if (st.failedConnects == kRetryMaxAttempts)
+                        METRIC_USAGE(VESK_DEBUG_WARNING,
+                                     "metricSender: Not able to connect to %s:%d after %d retries (Error %d). Please "
+                                     "check firewall settings.",
+                                     conn.host().c_str(), conn.port(), kRetryMaxAttempts, conn.getServerResponse());
+                    st.failedConnects++;
+                } else {
+                    st.failedConnects = 0;
+                }
+                st.connectRetry.attempts = 0;
+                setRetryDelay(st.connectRetry, "metricSender.connect", wallNow);
+            } else {
+                st.connectRetry.active = false;
+                metricConnected = true;
+            }
+        }
+        if (metricConnected && !threadsStop && retryAllowed(st.settingsRetry, wallNow) && now >= st.nextSettings)
+            settingsStep(st, now);
+
+        // Spans and custom metrics: taken without waiting. Their aggregation
+        // into metrics messages is not part of this build yet; they are
+        // dropped here so that the queues never stall their producers.
+        for (uint64_t n = spanQueue.count(); n > 0; n--) spanQueue.pop(now);
+        for (uint64_t n = customMetricQueue.count(); n > 0; n--) customMetricQueue.pop(now);
+
+        if (doFlushMetrics_) st.flushPasses++;
+        if (now >= st.nextHostRefresh) {
+            st.nextHostRefresh = Clock::now() + std::chrono::seconds(getRefreshHostIdNextInterval());
+            hostIdentity.refreshHostId();
+        }
+
+        if (metricConnected) {
+            bool statusWaits = !retryAllowed(st.statusRetry, wallNow) && st.flushPasses == 0;
+            if (!statusWaits && !threadsStop && (st.statusBatch.bytes > 0 || statusQueue.count() > 0) &&
+                drainStatus(statusQueue, st.statusBatch, 100) > 0) {
+                wire::HostID id = hostIdentity.copy();
+                try {
+                    wire::ResultMessage reply;
+                    link.client->postStatus(reply, apiKey, st.statusBatch.messages, wire::EncodingType::BSON, id);
+                    if (handleMetricReply(st, reply, st.statusBatch, st.statusRetry) &&
+                        setRetryDelay(st.statusRetry, "metricSender.postStatus", RetryClock::now()) != 0) {
+                        METRIC_USAGE(VESK_DEBUG_ERROR,
+                                     "metricSender.postStatus: Exceeded max number of retries (%d). Dropping message.",
+                                     kRetryMaxAttempts);
+                        st.statusBatch = BsonMessages();
+                    }
+                } catch (const TException &e) {
+                    METRIC_LOG(VESK_DEBUG_LOW, "metricSender: Error during postStatus(): %s", e.what());
+                    metricConnected = false;
+                    if (setRetryDelay(st.statusRetry, "metricSender.postStatus", RetryClock::now()) != 0)
+                        st.statusBatch = BsonMessages();
+                }
+                st.nextPing = now + std::chrono::seconds(kPingIntervalS);
+            }
+            if (st.flushPasses != 0 && statusQueue.count() == 0) {
+                doFlushMetrics_ = false;
+                METRIC_LOG(VESK_DEBUG_LOW, "doFlushMetrics_ set to false");
+                st.flushPasses = 0;
+            }
+            if (metricConnected && now >= st.nextPing) {
+                try {
+                    wire::ResultMessage reply;
+                    link.client->ping(reply, apiKey);
+                } catch (const TException &e) {
+                    METRIC_LOG(VESK_DEBUG_LOW, "metricSender: Ping error: %s", e.what());
+                    metricConnected = false;
+                }
+                st.nextPing = now + std::chrono::seconds(kPingIntervalS);
+            }
+            if (!metricConnected) CollectorConnector::close(link.transport);
+        }
+        if (now >= st.nextTimeoutCheck) {
+            st.nextTimeoutCheck = Clock::now() + std::chrono::seconds(kTimeoutCheckIntervalS);
+            settingsManager->deleteTimedOut(static_cast<int64_t>(time(nullptr)));
+        }
+        pause(kIdleSleepMs);
+    }
+    if (metricConnected && CollectorConnector::close(link.transport) == 0) metricConnected = false;
+    METRIC_LOG(VESK_DEBUG_LOW, "metricSender: STOPPING");
+}
+
+}  // namespace corvidine
