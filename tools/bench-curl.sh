@@ -12,6 +12,7 @@
 #
 #   tools/bench-curl.sh [nts|zts] [ROUNDS]      default: nts, 7 rounds
 set -euo pipefail
+export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
 
 FLAVOUR=${1:-nts}
 ROUNDS=${2:-7}

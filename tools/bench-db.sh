@@ -11,6 +11,7 @@
 # little), with and without the backtrace of the entry events. Runs
 # alternate the order; medians, µs per query and the ratio to "without".
 set -euo pipefail
+export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
 
 FLAVOUR=${1:-nts}
 ROUNDS=${2:-5}

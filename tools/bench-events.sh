@@ -7,6 +7,7 @@
 # directory, or $CORVIDINE_EXT_BUILD) and runs the benchmark with the null
 # reporter and the test hooks on.
 set -euo pipefail
+export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
 
 FLAVOUR=${1:-nts}
 ROUNDS=${2:-7}

@@ -21,6 +21,7 @@
 #    (the __Init document is written and fsync'ed) against no extension;
 #    hyperfine when installed, else an interleaved loop.
 set -euo pipefail
+export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
 
 FLAVOUR=${1:-nts}
 ROUNDS=${2:-9}

@@ -9,6 +9,7 @@
 #   tools/bench-http.sh            build the extension (NTS) and measure
 #   CORVIDINE_SO=path tools/bench-http.sh
 set -euo pipefail
+export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 for tool in wrk curl /usr/sbin/nginx /usr/sbin/php-fpm8.2; do

@@ -7,6 +7,7 @@
 #   tools/bench-laravel.sh            build the extension (NTS) and measure
 #   CORVIDINE_SO=path tools/bench-laravel.sh
 set -euo pipefail
+export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 for tool in wrk curl /usr/sbin/nginx /usr/sbin/php-fpm8.2 /usr/share/php/Illuminate/autoload.php; do

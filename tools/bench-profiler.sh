@@ -19,6 +19,7 @@
 # script's native run time, measured in the timed rounds (median).
 # Goal: profiled / traced <= 1.02.
 set -euo pipefail
+export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
 ROUNDS=${1:-7}
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 SO=${CORVIDINE_SO:-$("$ROOT/tools/test-ext.sh" nts --build-only | tail -n1)}

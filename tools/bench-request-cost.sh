@@ -37,6 +37,7 @@
 # Last, in fpm mode, the fixed cost of a traced CLI run of an empty script:
 # instructions of the whole process, and CPU time (median of runs in turns).
 set -euo pipefail
+export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
 
 MODE=${1:-fpm}
 REQUESTS=${2:-400}

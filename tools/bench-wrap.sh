@@ -15,6 +15,7 @@
 #    against no extension. Target <= 1.03.
 # Both without opcache and with opcache + tracing JIT.
 set -euo pipefail
+export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
 
 FLAVOUR=${1:-nts}
 ROUNDS=${2:-7}

@@ -2,6 +2,7 @@
 # `make run`: builds the extension against Debian's PHP 8.2 and shows it
 # tracing the demo shop served by nginx + php-fpm.
 set -euo pipefail
+export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
 root=$(cd "$(dirname "$0")/../.." && pwd)
 echo "== building the extension for PHP 8.2 (build-ext-demo/)"
 module=$(CORVIDINE_EXT_BUILD="$root/build-ext-demo" "$root/tools/test-ext.sh" nts --build-only 2>&1 | tail -n 1)
