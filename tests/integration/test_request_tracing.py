@@ -407,14 +407,16 @@ class Cli(unittest.TestCase):
         CORVIDINE_LOGNAME holds the agent's notes, whatever the reporter."""
         preload = {"zend_extension": "opcache", "opcache.enable_cli": "1", "opcache.preload_user": "root",
                    "opcache.preload": os.path.join(harness.WWW, "preload.php")}
-        for reporter, ini, note in (("file", {"variables_order": "GPC"}, "couldn't find SCRIPT_NAME"),
-                                    ("file", preload, "Initializing 'file' reporter"),
-                                    ("ssl", {}, "SSL reporter is not available")):
+        # The Collector reporter aims at a closed loopback port: nothing leaves the machine.
+        collector = {"CORVIDINE_COLLECTOR": "127.0.0.1:1", "CORVIDINE_FLUSH_MAX_WAIT_TIME": "100"}
+        for reporter, ini, note, env in (("file", {"variables_order": "GPC"}, "couldn't find SCRIPT_NAME", {}),
+                                         ("file", preload, "Initializing 'file' reporter", {}),
+                                         ("ssl", {}, "Initializing 'ssl' reporter", collector)):
             with self.subTest(reporter + " " + note):
                 directory = tempfile.mkdtemp(prefix="corvidine-it-cli-")
                 log = os.path.join(directory, "agent.log")
-                result, traces, _ = self.run_cli(ini, {"CORVIDINE_REPORTER": reporter, "CORVIDINE_LOGNAME": log,
-                                                       "CORVIDINE_DEBUG_LEVEL": "4"}, directory)
+                result, traces, _ = self.run_cli(ini, dict(env, CORVIDINE_REPORTER=reporter, CORVIDINE_LOGNAME=log,
+                                                           CORVIDINE_DEBUG_LEVEL="4"), directory)
                 self.assertEqual(b"", result.stderr)
                 with open(log, errors="replace") as handle:
                     self.assertIn(note, handle.read())
