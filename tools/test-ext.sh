@@ -36,6 +36,7 @@ log() { printf 'test-ext[%s]: %s\n' "$FLAVOUR" "$*"; }
 # --- packages the tests need ---------------------------------------------------
 packages=(php8.2-dev php8.2-cli php8.2-fpm php8.2-curl python3-bson nginx-light pkg-config libpcre2-dev libssl-dev)
 packages+=(php8.2-mysql php8.2-sqlite3 mariadb-server) # database wrappers (integration tests, bench-db)
+packages+=(php8.2-redis php8.2-memcached php8.2-igbinary php8.2-msgpack php-predis redis-server memcached) # key-value wrappers (integration tests)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
