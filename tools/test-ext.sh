@@ -64,6 +64,9 @@ else
   # build.sh returns at once when its stamp says the build is complete and
   # current; otherwise it (re)builds, which takes several minutes.
   "$ROOT/tools/php-zts/build.sh" "$PHP_ZTS_PREFIX"
+  # phpredis (and php-memcached where the mirror has its source) for the
+  # key-value tests; without them those tests skip.
+  "$ROOT/tools/php-zts/build-kv-ext.sh" "$PHP_ZTS_PREFIX" >&2 || log "key-value extensions for ZTS not built"
   PHPIZE=$PHP_ZTS_PHPIZE
   PHP_CONFIG=$PHP_ZTS_CONFIG
   PHP=$PHP_ZTS_BIN

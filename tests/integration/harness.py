@@ -488,9 +488,9 @@ class MemcachedServer(KeyValueServer):
 
 def key_value_ini(php):
     """INI that loads the key-value modules a -n run lacks, serializers
-    first; None when this PHP has no phpredis or php-memcached."""
+    first; None when this PHP has neither phpredis nor php-memcached."""
     directory = subprocess.run([php.cli, "-n", "-r", "echo PHP_EXTENSION_DIR;"], capture_output=True,
                                text=True, check=True).stdout
     modules = [m for m in ("igbinary", "msgpack", "redis", "memcached")
                if os.path.exists(os.path.join(directory, m + ".so"))]
-    return {"extension": modules} if "redis" in modules and "memcached" in modules else None
+    return {"extension": modules} if "redis" in modules or "memcached" in modules else None

@@ -53,6 +53,9 @@ show('phpredis reads predis', fn() => [$r->setOption(Redis::OPT_SERIALIZER, Redi
 show('predis down', fn() => (new Predis\Client(['host' => '127.0.0.1', 'port' => $down]))->get('x'));
 $r->flushAll();
 
+if (!class_exists('Memcached')) {
+    return; // a PHP without php-memcached
+}
 $m = new Memcached();
 $m->addServer('127.0.0.1', (int)getenv('MEMCACHED_PORT'));
 $m->setOption(Memcached::OPT_SERIALIZER, Memcached::SERIALIZER_IGBINARY);
