@@ -14,6 +14,11 @@ from test_request_tracing import marker, op_of
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SERVERS = {}
+# BSON kinds of the keys, per layer (integers are written as int64, whatever
+# their size in the wrapper).
+KINDS = {"phpredis": {"KVOp": "string", "KVKey": "string", "RemoteHost": "string", "KVHit": "int64"},
+         "memcached": {"KVOp": "string", "KVKey": "binary", "KVKeyCount": "int64", "RemoteHost": "binary",
+                       "KVHit": "int64", "KVHitCount": "int64"}}
 HOST = "127.0.0.1"
 
 # phpredis events in order: label, KVOp, KVKey, RemoteHost, KVHit. KVHit is
@@ -112,11 +117,14 @@ class KeyValueTest(unittest.TestCase):
 
     def layer(self, traces, layer):
         """The layer's events, after checking that each follows the one
-        before it."""
+        before it and that its keys are of their kinds."""
         events = [e for e in traces.events() if e.get("Layer") == layer]
         for before, event in zip(events, events[1:]):
             edges = event["Edge"] if isinstance(event["Edge"], list) else [event["Edge"]]
             self.assertIn(op_of(before["X-Trace"]), edges, event)
+        kinds = {(key, harness.bson_tools.type_name(event[key])) for event in events for key in KINDS[layer]
+                 if key in event}
+        self.assertEqual({(key, KINDS[layer][key]) for key, _ in kinds}, kinds)
         return events
 
     def test_phpredis_calls_and_blocks(self):
