@@ -89,6 +89,7 @@ bench-ext: deps
 	@tools/bench-profiler.sh
 	@tools/bench-curl.sh nts
 	@tools/bench-db.sh nts
+	@tools/bench-kv.sh nts
 
 bench-http: deps
 	@tools/bench-http.sh

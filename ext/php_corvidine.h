@@ -47,7 +47,8 @@ ZEND_BEGIN_MODULE_GLOBALS(vesk)
     zend_bool enable_error_callback;
     zend_bool report_suppressed_errors;
     zend_bool use_error_reporting;
-    int phpredis_batch;
+    int phpredis_batch; /* 1 from a multi or pipeline until its exit event (src/wrap/phpredis.c) */
+    int phpredis_flags; /* PHP_VESK_PHPREDIS_IN_BATCH while a batch is open */
     char *env_service_name;     /* process heap, from CORVIDINE_SERVICE_KEY */
     char *ini_service_name;     /* process heap, from corvidine.service_key */
     char *request_service_name; /* request heap */

@@ -19,6 +19,8 @@ packages+=(openjdk-17-jdk-headless libhdrhistogram-java nodejs)
 command -v npm >/dev/null 2>&1 || packages+=(npm)
 # The database wrappers' tests and benchmark: PHP's modules and a MariaDB server they start themselves.
 packages+=(php8.2-mysql php8.2-sqlite3 mariadb-server)
+# The key-value wrappers' tests: phpredis, php-memcached, predis and the servers they start themselves.
+packages+=(php8.2-redis php8.2-memcached php8.2-igbinary php8.2-msgpack php-predis redis-server memcached)
 
 missing=()
 for p in "${packages[@]}"; do

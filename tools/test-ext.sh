@@ -37,6 +37,7 @@ log() { printf 'test-ext[%s]: %s\n' "$FLAVOUR" "$*"; }
 packages=(php8.2-dev php8.2-cli php8.2-fpm php8.2-curl python3-bson nginx-light pkg-config libpcre2-dev libssl-dev)
 packages+=(php8.2-mysql php8.2-sqlite3 mariadb-server) # database wrappers (integration tests, bench-db)
 packages+=(thrift-compiler libthrift-dev zlib1g-dev python3-thrift) # the Collector reporter's client
+packages+=(php8.2-redis php8.2-memcached php8.2-igbinary php8.2-msgpack php-predis redis-server memcached) # key-value wrappers (integration tests)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -64,6 +65,9 @@ else
   # build.sh returns at once when its stamp says the build is complete and
   # current; otherwise it (re)builds, which takes several minutes.
   "$ROOT/tools/php-zts/build.sh" "$PHP_ZTS_PREFIX"
+  # phpredis (and php-memcached where the mirror has its source) for the
+  # key-value tests; without them those tests skip.
+  "$ROOT/tools/php-zts/build-kv-ext.sh" "$PHP_ZTS_PREFIX" >&2 || log "key-value extensions for ZTS not built"
   PHPIZE=$PHP_ZTS_PHPIZE
   PHP_CONFIG=$PHP_ZTS_CONFIG
   PHP=$PHP_ZTS_BIN

@@ -429,3 +429,69 @@ def database_ini(php):
                if os.path.exists(os.path.join(directory, m + ".so"))]
     # "-d extension=..." more than once: a list value becomes one -d per item.
     return {"extension": modules}
+
+
+class KeyValueServer:
+    """A key-value server of its own on a free loopback port, in a temporary
+    directory; stopped (and the directory removed) by stop()."""
+    NAME = None
+
+    def __init__(self):
+        self.dir = tempfile.mkdtemp(prefix="corvidine-it-%s-" % self.NAME)
+        self.port = None
+        self.process = None
+
+    @classmethod
+    def available(cls):
+        return shutil.which(cls.NAME, path="/usr/bin:/usr/sbin") is not None
+
+    def command(self):
+        raise NotImplementedError
+
+    def start(self):
+        self.port = free_port()
+        self.process = subprocess.Popen(self.command(), cwd=self.dir, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL)
+        try:
+            wait_for_port(self.port, self.process)
+        except RuntimeError:
+            self.stop()
+            raise
+        return self
+
+    def stop(self):
+        if self.process is not None and self.process.poll() is None:
+            self.process.terminate()
+            try:
+                self.process.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+        self.process = None
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+
+class RedisServer(KeyValueServer):
+    NAME = "redis-server"
+
+    def command(self):
+        return [shutil.which(self.NAME, path="/usr/bin:/usr/sbin"), "--bind", "127.0.0.1", "--port", str(self.port),
+                "--save", "", "--appendonly", "no", "--dir", self.dir]
+
+
+class MemcachedServer(KeyValueServer):
+    NAME = "memcached"
+
+    def command(self):
+        return [shutil.which(self.NAME, path="/usr/bin:/usr/sbin"), "-l", "127.0.0.1", "-p", str(self.port),
+                "-U", "0"] + (["-u", "root"] if os.geteuid() == 0 else [])
+
+
+def key_value_ini(php):
+    """INI that loads the key-value modules a -n run lacks, serializers
+    first; None when this PHP has neither phpredis nor php-memcached."""
+    directory = subprocess.run([php.cli, "-n", "-r", "echo PHP_EXTENSION_DIR;"], capture_output=True,
+                               text=True, check=True).stdout
+    modules = [m for m in ("igbinary", "msgpack", "redis", "memcached")
+               if os.path.exists(os.path.join(directory, m + ".so"))]
+    return {"extension": modules} if "redis" in modules or "memcached" in modules else None

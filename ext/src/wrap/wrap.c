@@ -273,4 +273,5 @@ void php_vesk_wrap_request_end(void) {
     VESK_G(wrap_mask) = 0;
     VESK_G(wrap_state) = 0;
     php_vesk_mysqli_request_end();
+    php_vesk_phpredis_request_end();
 }

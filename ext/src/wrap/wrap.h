@@ -98,6 +98,10 @@ void php_vesk_curl_request_end(void);
 void php_vesk_http_stream_minit(void);
 void php_vesk_http_stream_mshutdown(void);
 
+/* phpredis (phpredis.c): request end, a pipeline or multi block left open
+ * is forgotten. */
+void php_vesk_phpredis_request_end(void);
+
 /* corvidine.enable_wrap is on (read at the request's join points). */
 int php_vesk_wrap_enabled(void);
 

@@ -30,6 +30,7 @@
 #define PHP_VESK_WRAP_LIST_H
 
 #include "src/wrap/database.h"
+#include "src/wrap/key_value.h"
 
 // clang-format off
 #define PHP_VESK_WRAP_FAMILIES(PHP_VESK_WRAP_FAMILY)                                       \
@@ -38,11 +39,15 @@
     PHP_VESK_WRAP_FAMILY(TEST, NULL, "spl", 0, 1)                                          \
     PHP_VESK_WRAP_FAMILY(MYSQLI, "corvidine.enable_wrap_mysqli", "mysqli", 0, 0)           \
     PHP_VESK_WRAP_FAMILY(MYSQLI_OO, "corvidine.enable_wrap_mysqli_oo", "mysqli", 0, 0)     \
-    PHP_VESK_WRAP_FAMILY(PDO, "corvidine.enable_wrap_pdo", "pdo", 0, 0)
+    PHP_VESK_WRAP_FAMILY(PDO, "corvidine.enable_wrap_pdo", "pdo", 0, 0)                     \
+    PHP_VESK_WRAP_FAMILY(PHPREDIS, "corvidine.enable_wrap_phpredis", "redis", 0, 0)        \
+    PHP_VESK_WRAP_FAMILY(MEMCACHED, "corvidine.enable_wrap_memcached", "memcached", 0, 0)
 
 #define PHP_VESK_WRAP_TARGETS(PHP_VESK_WRAP_TARGET)                                                          \
     PHP_VESK_WRAP_TARGET(ERROR_LOG, error_log, NULL, "error_log", vesk_error_log_in, vesk_noop_out, 0)       \
     PHP_VESK_DATABASE_TARGETS(PHP_VESK_WRAP_TARGET)                                                          \
+    PHP_VESK_PHPREDIS_TARGETS(PHP_VESK_WRAP_TARGET)                                                          \
+    PHP_VESK_MEMCACHED_TARGETS(PHP_VESK_WRAP_TARGET)                                                         \
     PHP_VESK_WRAP_TARGET(CURL, curl_exec, NULL, "curl_exec", vesk_curl_exec_in, vesk_curl_exec_out, 0)           \
     PHP_VESK_WRAP_TARGET(CURL, curl_setopt, NULL, "curl_setopt", vesk_noop_in, vesk_curl_setopt_out, 0)             \
     PHP_VESK_WRAP_TARGET(CURL, curl_close, NULL, "curl_close", vesk_noop_in, vesk_noop_out, 0)               \
