@@ -1,4 +1,4 @@
-// Round trips to the test Collector (tests/support/collector, Python) on
+// Round trips to the local Collector (tools/collector, Python) on
 // loopback: a whole connect (TCP, TLS handshake with name check, ping), and
 // postEvents of one batch on an open connection. The Python server is
 // likely the slower side: read these as an upper bound of our cost.
@@ -33,7 +33,7 @@ struct DevCollector {
         if (pid == 0) {
             dup2(out[1], 1);
             close(out[0]);
-            std::string script = std::string(CORVIDINE_SOURCE_DIR) + "/tests/support/collector/collector.py";
+            std::string script = std::string(CORVIDINE_SOURCE_DIR) + "/tools/collector/collector.py";
             execl("/usr/bin/python3", "python3", script.c_str(), "--dir", dir, "--quiet", (char *)nullptr);
             _exit(127);
         }
