@@ -4,7 +4,7 @@ PHP error capture: which errors become "error" events (suppression, use_error_re
 corvidine
 --FILE--
 <?php
-require __DIR__ . '/../request/request.inc';
+require __DIR__ . '/../support/child.inc';
 
 $parse = rq_script("<?php\nfunction f(\n");
 $compile = rq_script("<?php\nbreak 2;\n");
