@@ -116,6 +116,9 @@ exit event
 Fatal error: stop in FILE on line 2
 -- uncaught exception
 event: ERROR E_ERROR 3 PHP error: PHP Fatal error:  Uncaught RuntimeException: boom in FILE:2
+Stack trace:
+#0 {main}
+  thrown in FILE on line 2
 exit event
 Fatal error: Uncaught RuntimeException: boom in FILE:2
 Stack trace:
@@ -135,6 +138,10 @@ exit event
 Warning: Unsupported declare 'foo' in FILE on line 2
 -- fatal error at request end
 event: ERROR E_ERROR 3 PHP error: PHP Fatal error:  Uncaught Error: Call to undefined function undefined_function() in FILE:2
+Stack trace:
+#0 [internal function]: {closure}()
+#1 {main}
+  thrown in FILE on line 2
 exit event
 Fatal error: Uncaught Error: Call to undefined function undefined_function() in FILE:2
 Stack trace:
