@@ -1,5 +1,5 @@
 --TEST--
-Start-up options: each CORVIDINE_* variable beats its INI entry (digit-led and true/false rules); test hooks only when asked for; corvidine.tracing / trigger_tracing words (others warn, and keep the agent off for tracing); corvidine.max_ready_wait_time
+Start-up options: each CORVIDINE_* variable beats its INI entry (the service key too) (digit-led and true/false rules); test hooks only when asked for; corvidine.tracing / trigger_tracing words (others warn, and keep the agent off for tracing); corvidine.max_ready_wait_time
 --EXTENSIONS--
 corvidine
 --FILE--
@@ -28,6 +28,7 @@ $cases = [
     ['trusted path', [], ['CORVIDINE_TRUSTEDPATH' => '/etc/trust.pem'], '/etc/trust.pem'],
     ['trace metrics', [], ['CORVIDINE_TRACE_METRICS' => 'false'], '0'],   // exactly "true" or "false"
     ['trace metrics', [], ['CORVIDINE_TRACE_METRICS' => 'FALSE'], '1'],
+    ['service name', [], ['CORVIDINE_SERVICE_KEY' => 'other:Env Svc'], 'env-svc'],   // cleaned, over the INI key
 ];
 foreach ($cases as [$row, $ini, $env, $expected]) {
     $r = vesk_child(null, ['corvidine.enable_cli' => 1, 'corvidine.service_key' => 'token:svc'] + $ini, $env + ['CORVIDINE_REPORTER' => 'null']);
@@ -63,5 +64,5 @@ foreach ([['-1', 'none', 0, 1.5], ['0', 'none', 2.0, 9], ['300', 'none', 0.3, 1.
 echo "done\n";
 ?>
 --EXPECT--
-21 cases done; test hooks: none false / some false
+22 cases done; test hooks: none false / some false
 done
