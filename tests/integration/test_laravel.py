@@ -1,11 +1,6 @@
-"""Laravel tracing: the spans of a Laravel-shaped application of our own
-(tests/integration/laravel/fixture, run under the CLI with every version the
-agent knows) and of a real Laravel 8 application on Debian's
-php-laravel-framework, served by nginx + php-fpm (laravel/app8).
-
-Events are read back with Debian's python3-bson. An event is written here as
-"layer label" (entry, exit, error).
-"""
+"""Laravel spans: a Laravel-shaped fixture of our own under the CLI with every known version
+(laravel/fixture), and a real Laravel 8 app on Debian's php-laravel-framework through nginx + php-fpm
+(laravel/app8). Events read with python3-bson, written here as "layer label"."""
 import os
 import shutil
 import subprocess
