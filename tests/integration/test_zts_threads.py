@@ -93,7 +93,7 @@ class ThreadedServer(unittest.TestCase):
         self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
         work = os.path.dirname(traces)
         by_task = collections.defaultdict(list)
-        for event in harness.decode_documents(traces):
+        for event in harness.bson_tools.decode_file(traces):
             if "Label" in event and not event.get("__Init"):
                 by_task[event["X-Trace"][2:42]].append(event)
         entries = {e["URL"]: task for task, events in by_task.items() for e in events if e["Label"] == "entry"
@@ -131,7 +131,7 @@ class ThreadedServer(unittest.TestCase):
         result, traces = self.run_threads(extra_env={"CORVIDINE_THREADS_CODE": self.PROFILED_CODE,
                                                       "CORVIDINE_THREADS_INI": "corvidine.enable_profiling=1"})
         self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
-        events = [d for d in harness.decode_documents(traces) if "Label" in d and not d.get("__Init")]
+        events = [d for d in harness.bson_tools.decode_file(traces) if "Label" in d and not d.get("__Init")]
         trace_exits = [e for e in events if e["Label"] == "exit" and e.get("Spec") != "profiling"]
         sampled = THREADS * ((REQUESTS + 1) // 2)
         self.assertEqual(sampled, len(trace_exits))
