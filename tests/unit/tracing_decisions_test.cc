@@ -17,6 +17,7 @@ namespace {
 const std::string kSampled = "2B0123456789ABCDEF0123456789ABCDEF0123456789ABCDEF0123456701";
 const std::string kNotSampled = kSampled.substr(0, 58) + "00";
 const std::string kVersion1 = "1" + kSampled.substr(1);
+const std::string kGarbage = "ZZ" + kSampled.substr(2);  // does not parse: as if absent
 
 int ready_yes(void *) { return 1; }
 int ready_no(void *) { return 0; }
@@ -148,6 +149,8 @@ TEST_F(Decisions, ThroughPath) {
         {"neither flag", rec(1000000, 0x04), L{}, I{&kSampled}, E{0, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
         {"not sampled", R{}, L{}, I{&kNotSampled}, E{-1, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
         {"version 1 is absent", R{}, L{}, I{&kVersion1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
+        {"garbage is absent", R{}, L{}, I{&kGarbage}, E{0, 1, 1, 0, 1000000, 6}, C{1, 1, 1, 0, 0, 0, 0}},
+        {"trigger, garbage", R{}, L{}, I{&kGarbage, -1, -1, -1, 1}, E{0, 1, 1, 1, 0, 0}, C{1, 0, 1, 0, 0, 1, 0}},
         {"trigger, sampled", R{}, L{}, I{&kSampled, -1, -1, -1, 1}, E{0, 1, 1, 0, 1000000, 6}, C{1, 0, 1, 1, 0, 0, 0}},
         {"trigger, not sampled", R{}, L{}, I{&kNotSampled, -1, -1, -1, 1}, E{-1, 0, 1, 0, 1000000, 6}, C{1, 0, 0, 0, 0, 0, 0}},
     });
