@@ -242,18 +242,6 @@ class BuiltinRefused(ServerCase):
                 self.assertEqual([], self.server.crashes())
 
 
-@on_both_servers
-class Domain:
-    INI = {"corvidine.transaction_prepend_domain": "1"}
-
-    def test_domain_is_prepended_with_the_port_unless_the_host_has_one(self):
-        for headers, name in (({"X-Forwarded-Host": "shop.test"}, "shop.test:%d/index.php"),
-                              ({}, "127.0.0.1:%d/index.php")):
-            mark = marker()
-            self.get("/index.php?m=" + mark, headers)
-            self.assertEqual(name % self.server.port, self.traced(mark)[1]["TransactionName"])
-
-
 def settings_file(text):
     handle = tempfile.NamedTemporaryFile("w", prefix="corvidine-it-settings-", suffix=".ini", delete=False)
     handle.write(text)
