@@ -72,7 +72,7 @@ echo json_encode(['ms' => $ms, 'check' => [$result, $counter->get(), $sum],
                   'jit' => ['enabled' => $jit['enabled'] ?? false, 'on' => $jit['on'] ?? false]]), "\n";
 PHP
 
-PYTHONPATH="$ROOT/tests/support" /usr/bin/python3 - "$PHP" "$SO" "$WORK" "$ROUNDS" <<'PY'
+PYTHONPATH="$ROOT/tools" /usr/bin/python3 - "$PHP" "$SO" "$WORK" "$ROUNDS" <<'PY'
 import json
 import os
 import re

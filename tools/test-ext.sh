@@ -105,6 +105,7 @@ cp -r "$ROOT/ext/tests" "$SRC/ext/tests"
 mkdir -p "$SRC/tests/integration"
 cp -r "$ROOT/tests/support" "$SRC/tests/support"
 cp "$ROOT/tests/integration/harness.py" "$SRC/tests/integration/"
+mkdir -p "$SRC/tools" && cp -r "$ROOT/tools/bson_tools.py" "$ROOT/tools/collector" "$SRC/tools/"
 
 signature=$( (cd "$SRC" && find . -type l | LC_ALL=C sort; sha256sum "$ROOT/ext/config.m4"; echo "$PHPIZE") | sha256sum)
 cd "$SRC/ext"

@@ -7,7 +7,7 @@ Usage: trace_view.py FILE_OR_DIR...   (reads concatenated BSON documents)
 import os
 import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tests", "support"))
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import bson_tools  # noqa: E402
 
 HIDDEN = {"_V", "X-Trace", "Edge", "TID", "Timestamp_u", "Hostname"}

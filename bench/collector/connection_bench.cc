@@ -1,4 +1,4 @@
-// Round trips to the test Collector (tests/support/collector, Python) on
+// Round trips to the local Collector (tools/collector, Python) on
 // loopback: a whole connect (TCP, TLS handshake with name check, ping), and
 // postEvents of one batch on an open connection. The Python server is
 // likely the slower side: read these as an upper bound of our cost.

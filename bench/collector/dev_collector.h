@@ -1,4 +1,4 @@
-// The Python test Collector (tests/support/collector) as a child process
+// The Python test Collector (tools/collector) as a child process
 // on a free loopback port, shared by the Collector benchmarks.
 #pragma once
 
@@ -26,7 +26,7 @@ struct DevCollector {
         if (pid == 0) {
             dup2(out[1], 1);
             close(out[0]);
-            std::string script = std::string(CORVIDINE_SOURCE_DIR) + "/tests/support/collector/collector.py";
+            std::string script = std::string(CORVIDINE_SOURCE_DIR) + "/tools/collector/collector.py";
             execl("/usr/bin/python3", "python3", script.c_str(), "--dir", dir, "--quiet", (char *)nullptr);
             _exit(127);
         }

@@ -1,18 +1,7 @@
-"""Hostile request headers: X-Trace, X-Trace-Options and the signature with
-random and malicious values, through nginx + php-fpm and the built-in
-server, and one short pass under valgrind.
-
-Bounded: CORVIDINE_FUZZ_REQUESTS requests per server (default 300) and
-CORVIDINE_FUZZ_SECONDS seconds (default 60), whichever ends first; the seed
-is printed so that a failing run can be repeated (CORVIDINE_FUZZ_SEED).
-
-Every request must be answered by PHP (200) or, for values beyond the front
-server's own limits, refused by the front server itself; an identifier that
-parses keeps its place (version and task id) in the answer, one that does not
-gives a new trace; no worker may die; every document must decode strictly
-(keys and strings UTF-8). Service keys of any length and bytes go to php-fpm
-in each request's PHP_VALUE.
-"""
+"""Hostile X-Trace, X-Trace-Options and signature headers through nginx + php-fpm, the built-in server, and
+valgrind: answered by PHP (or refused by the front server's own limits), identifiers that parse keep their place,
+no worker dies, every document decodes strictly. Bounded by CORVIDINE_FUZZ_REQUESTS / CORVIDINE_FUZZ_SECONDS;
+CORVIDINE_FUZZ_SEED repeats a run. Service keys of any bytes go to php-fpm in PHP_VALUE."""
 import os
 import random
 import re
@@ -34,9 +23,7 @@ HEX = "0123456789ABCDEF"
 
 
 def parsed(value):
-    """The binary form the extension reads from an X-Trace value, or None
-    when it does not parse: even length up to 1024, digits from "0" to "F"
-    (":" to "@" included), as long as its header byte says."""
+    """The bytes of an X-Trace value, or None: even length 2..1024, "0" to "F" (":" to "@" too), length by header byte."""
     text = value.decode("latin-1") if isinstance(value, bytes) else value
     if text is None or len(text) % 2 or not 2 <= len(text) <= 1024 or any(not "0" <= c <= "F" for c in text):
         return None
@@ -46,8 +33,7 @@ def parsed(value):
 
 
 def padded(value):
-    """Blanks around a value: nginx drops them, the built-in server keeps
-    them, so what PHP sees depends on the server."""
+    """Blanks around: nginx drops them, the built-in server keeps them."""
     return isinstance(value, (str, bytes)) and value != value.strip(" \t" if isinstance(value, str) else b" \t")
 
 
@@ -158,38 +144,28 @@ class FuzzCases:
         self.assertEqual(200, r.status)
         entry, _ = self.server.traces.wait_trace(lambda e: mark in e.get("URL", ""))
         self.assertIsNotNone(entry)
-        # Every document is whole, with UTF-8 keys and strings (a strict
-        # decoder refuses anything else).
+        # Every document whole, keys and strings UTF-8 (the decoder is strict).
         self.assertGreater(len(self.server.traces.documents()), served)
         self.assertEqual([], self.server.crashes())
 
 
 class FpmFuzz(FuzzCases, unittest.TestCase):
+    SERVER = harness.FpmServer
+
     @classmethod
     def setUpClass(cls):
-        if harness.CURRENT_PHP.fpm is None:
+        if cls.SERVER is harness.FpmServer and harness.CURRENT_PHP.fpm is None:
             raise unittest.SkipTest("no php-fpm for this PHP build")
-        cls.server = harness.FpmServer(harness.CURRENT_PHP).start()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.server.stop()
+        cls.server = cls.SERVER(harness.CURRENT_PHP).start()
+        cls.addClassCleanup(cls.server.stop)
 
 
-class BuiltinFuzz(FuzzCases, unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.server = harness.BuiltinServer(harness.CURRENT_PHP).start()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.server.stop()
+class BuiltinFuzz(FpmFuzz):
+    SERVER = harness.BuiltinServer
 
 
 def service_keys(rng, count):
-    """Keys of 0 to 4096 bytes: no ":", many, the first one at or past the
-    327 bytes the extension keeps, NUL bytes, bytes that are not UTF-8, upper
-    case, blanks."""
+    """Keys of 0 to 4096 bytes: no ":" or many, the first at or past the 327 kept bytes, NUL, not UTF-8, blanks."""
     yield from (b"", b":", b"t" * 327 + b":svc", b"T" * 326 + b":Svc Name", b"t:" + b"x" * 4094)
     for _ in range(count):
         length = rng.choice([1, 2, 40, 326, 327, 328, 329, 400, 1000, 4096])
@@ -201,9 +177,7 @@ def service_keys(rng, count):
 
 
 def service_of(key):
-    """The service a request's key names: its first 327 bytes, cleaned (after
-    the first ":" upper case lowered, blanks to "-", anything but [0-9a-z:._-]
-    dropped); none without a ":" there or when nothing is left."""
+    """The service of a key: after the first ":" in its 327 bytes, lowered, blanks to "-", only [0-9a-z:._-]."""
     cut = key[:327]
     if b":" not in cut:
         return None
@@ -233,8 +207,7 @@ class FpmServiceKeys(unittest.TestCase):
 
 
 class BsonStrings(unittest.TestCase):
-    """PHP strings of any bytes as BSON (arguments, backtraces): cut at 1024
-    bytes between characters, keys and strings repaired to UTF-8."""
+    """PHP strings as BSON: cut at 1024 bytes between characters, keys and strings repaired to UTF-8."""
 
     SCRIPT = r"""<?php
     $doc = ["bad\xff\xc3key" => "bad\xe2\x82 value \xff", "\xf0\x9f\x98" => 1];
@@ -264,8 +237,7 @@ VALGRIND_ERROR = 99
 
 @unittest.skipUnless(shutil.which("valgrind"), "valgrind is not installed")
 class ValgrindFuzz(unittest.TestCase):
-    """A short hostile pass with the built-in server under valgrind, with
-    PHP's own allocator off so that valgrind sees every block."""
+    """The built-in server under valgrind, PHP's allocator off so that valgrind sees every block."""
 
     REQUESTS = int(os.environ.get("CORVIDINE_VALGRIND_REQUESTS", "40"))
 
@@ -282,8 +254,7 @@ class ValgrindFuzz(unittest.TestCase):
                 r = curl(server.url("/index.php?vg=%d" % i), headers, timeout=60)
                 self.assertIn(r.status, (200, 400, 413, 431), "request %d" % i)
             process = server.processes[0]
-            # The built-in server leaves its loop on SIGINT and exits
-            # normally, so valgrind's exit code tells.
+            # SIGINT: the built-in server exits normally, so valgrind's exit code tells.
             process.send_signal(signal.SIGINT)
             code = process.wait(timeout=120)
             with open(server.stderr_path, errors="replace") as handle:
@@ -291,7 +262,6 @@ class ValgrindFuzz(unittest.TestCase):
             self.assertNotEqual(VALGRIND_ERROR, code, report[-6000:])
             self.assertEqual(0, code, report[-6000:])
             self.assertEqual([], re.findall(r"==\d+== (?:Invalid|Conditional|Use of uninit).*", report))
-            # Proof that valgrind ran, and its verdict.
             self.assertRegex(report, r"==\d+== ERROR SUMMARY: 0 errors")
         finally:
             server.stop()

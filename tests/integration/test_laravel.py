@@ -1,11 +1,6 @@
-"""Laravel tracing: the spans of a Laravel-shaped application of our own
-(tests/integration/laravel/fixture, run under the CLI with every version the
-agent knows) and of a real Laravel 8 application on Debian's
-php-laravel-framework, served by nginx + php-fpm (laravel/app8).
-
-Events are read back with Debian's python3-bson. An event is written here as
-"layer label" (entry, exit, error).
-"""
+"""Laravel spans: a Laravel-shaped fixture of our own under the CLI with every known version
+(laravel/fixture), and a real Laravel 8 app on Debian's php-laravel-framework through nginx + php-fpm
+(laravel/app8). Events read with python3-bson, written here as "layer label"."""
 import os
 import shutil
 import subprocess
@@ -151,17 +146,6 @@ class FixtureCase(unittest.TestCase):
                           "laravel_terminate exit"], named(events)[-4:])
         self.assertEqual("artisan-migrate", events[-1]["TransactionName"])
 
-    def test_fatal_error_in_controller_reports_unclosed_spans(self):
-        events = self.run_fixture("6.20.44", "fatal")
-        self.assertEqual(255, self.result.returncode)
-        tail = [(e["Layer"], e["Label"], e.get("ErrorClass"), e.get("ErrorMsg")) for e in events[-5:]]
-        self.assertEqual([
-            ("laravel", "error", "ZqDebugLaravel", "Unclosed span 'laravel_controller_execute'"),
-            ("laravel_controller_execute", "exit", None, None),
-            ("laravel", "error", "ZqDebugLaravel", "Unclosed span 'laravel_handle'"),
-            ("laravel_handle", "exit", None, None),
-            ("PHP", "exit", None, None)], tail)
-
     def test_middleware_that_answers_itself(self):
         # Its after span was never opened: closing it closes every span still
         # open, each with a bare exit, and the kernel's own exit then finds
@@ -200,14 +184,16 @@ class FixtureCase(unittest.TestCase):
 
     @unittest.skipUnless(shutil.which("valgrind"), "valgrind is not installed")
     def test_under_valgrind(self):
-        # PHP's allocator off, so that valgrind sees every block the actions
-        # read, write and release; a fatal error too.
+        # PHP's allocator off so that valgrind sees every block; the fatal error's unclosed spans too (their
+        # order is checked on the real Laravel 8 below).
         for mode, status in (("http", 0), ("fatal", 255)):
             with self.subTest(mode=mode):
                 events = self.run_fixture("6.0.4", mode, env={"USE_ZEND_ALLOC": "0"},
                                           prefix=["valgrind", "--error-exitcode=99", "--leak-check=no"])
                 self.assertEqual(status, self.result.returncode, self.result.stderr[-4000:])
                 self.assertIn("laravel_controller_execute exit", named(events))
+                if mode == "fatal":
+                    self.assertEqual("Unclosed span 'laravel_handle'", events[-3].get("ErrorMsg"))
 
     def test_application_sees_the_same_without_the_agent(self):
         plain = self.run_fixture("8.83.26", with_module=False)

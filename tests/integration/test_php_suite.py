@@ -1,13 +1,6 @@
-"""A sample of PHP's own test suite (.phpt of Debian's php8.2 source package)
-run with run-tests.php twice, without the extension and with it loaded and
-tracing every CLI run: each test must end the same way. The agent must not
-change what PHP prints, also where variables_order has no "S" or opcache
-preloads a script in a request of its own.
-
-The source tree is the one tools/php-zts/build.sh unpacks; when it is not
-there it is fetched with apt-get source (which needs a deb-src entry, as that
-script adds, and dpkg-dev). PHP_SRC names another tree.
-"""
+"""A sample of php-src's own .phpt (Debian's php8.2 source) run twice by run-tests.php, without the extension
+and with it tracing every CLI run (also without "S" in variables_order, and with opcache preloading): each
+test must end the same way. The tree is tools/php-zts/build.sh's (else apt-get source; PHP_SRC names another)."""
 import glob
 import os
 import re

@@ -1,8 +1,5 @@
-"""The profiler in php-fpm workers, forked from a master that never profiles:
-each worker starts its own profiler thread, and every sampled request gets
-one profiling span of its own trace, with the request's own functions in it.
-Documents are read back with Debian's python3-bson.
-"""
+"""The profiler in php-fpm workers forked from a master that never profiles: each worker's own profiler
+thread, one profiling span per sampled request with the request's own functions (read with python3-bson)."""
 import collections
 import concurrent.futures
 import time

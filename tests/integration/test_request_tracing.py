@@ -1,9 +1,5 @@
-"""Request tracing through real servers: one request becomes one trace, and
-the client gets its answer in response headers.
-
-Most case classes run against nginx + php-fpm and against PHP's built-in
-server (php -S). Documents are read back with Debian's python3-bson.
-"""
+"""Request tracing through nginx + php-fpm and PHP's built-in server: one request, one trace, the answer in
+response headers; documents read back with Debian's python3-bson."""
 import atexit
 import os
 import shutil
@@ -39,8 +35,7 @@ def marker():
 
 
 class ServerCase(unittest.TestCase):
-    """Starts one server per class: SERVER is the kind, INI and ENV its
-    configuration (no SERVER: the case starts its own as self.server)."""
+    """One server per class: SERVER its kind, INI and ENV its configuration (none: a case starts its own)."""
 
     SERVER = None
     INI = {}
@@ -74,8 +69,7 @@ class ServerCase(unittest.TestCase):
         return entry, exit_
 
     def assert_not_traced(self, xtrace):
-        # Events are written before the response ends; a short grace covers
-        # a server that closes the connection first.
+        # A short grace covers a server that closes the connection before the events are written.
         time.sleep(0.3)
         self.assertEqual([], self.server.traces.by_task(task_of(xtrace)))
 
@@ -117,11 +111,7 @@ class Sampled:
         self.assertEqual((503, r.header("X-Trace")), (exit_["Status"], exit_["X-Trace"]))
 
     def test_incoming_identifiers(self):
-        """A sampled version-2 identifier is continued and an unsampled one
-        answered with itself. Any identifier that parses keeps its place in
-        the context (its version and task id stay); for the decision a
-        version other than 2 counts as absent. One that does not parse is
-        forgotten for a new trace."""
+        """Parsed identifiers keep version and task id (only version 2 counts for the decision); others: a new trace."""
         good = [new_xtrace("01") for _ in range(6)]
         zero = "2B" + "0" * 40 + op_of(good[0])
         cases = [  # name, X-Trace, traced, answered with itself
@@ -212,8 +202,7 @@ class Sampled:
 
 @on_both_servers
 class Unsampled:
-    """corvidine.sample_rate 0: ordinary requests are not sampled, trigger
-    trace still is."""
+    """corvidine.sample_rate 0: ordinary requests are not sampled, trigger trace still is."""
 
     INI = {"corvidine.sample_rate": "0"}
 
@@ -235,8 +224,7 @@ class Unsampled:
 
 
 class BuiltinRefused(ServerCase):
-    """Empty token buckets (the signature is good, the trigger is refused),
-    or tracing disabled: the answer says why."""
+    """Empty token buckets (good signature) or tracing disabled: the answer says why."""
 
     CASES = [({"CORVIDINE_TOKEN_BUCKET_CAPACITY": "0", "CORVIDINE_TOKEN_BUCKET_RATE": "0"}, {},
               "auth=ok;trigger-trace=rate-exceeded"), ({}, {"corvidine.tracing": "disabled"},
@@ -252,18 +240,6 @@ class BuiltinRefused(ServerCase):
                 self.assertEqual("00", flags_of(r.header("X-Trace")))
                 self.assert_not_traced(r.header("X-Trace"))
                 self.assertEqual([], self.server.crashes())
-
-
-@on_both_servers
-class Domain:
-    INI = {"corvidine.transaction_prepend_domain": "1"}
-
-    def test_domain_is_prepended_with_the_port_unless_the_host_has_one(self):
-        for headers, name in (({"X-Forwarded-Host": "shop.test"}, "shop.test:%d/index.php"),
-                              ({}, "127.0.0.1:%d/index.php")):
-            mark = marker()
-            self.get("/index.php?m=" + mark, headers)
-            self.assertEqual(name % self.server.port, self.traced(mark)[1]["TransactionName"])
 
 
 def settings_file(text):
@@ -333,8 +309,7 @@ class BuiltinNeverWithEnablingRule(ServerCase):
 
 
 class FpmBadSettingsFiles(ServerCase):
-    """A missing file warns on every request, a malformed one once; tracing
-    goes on by corvidine.tracing."""
+    """A missing file warns on every request, a malformed one once; tracing goes on."""
 
     MISSING = "/nonexistent/corvidine-settings.ini"
     MALFORMED = settings_file("[broken\ntype = url\nregexp = \"(\"\n")
@@ -354,8 +329,7 @@ class FpmBadSettingsFiles(ServerCase):
 
 
 class FpmPreload(ServerCase):
-    """opcache preloading runs its script in a request of its own in the
-    php-fpm master: that request is not traced, and warns about nothing."""
+    """opcache preloading's own request in the php-fpm master is not traced and warns about nothing."""
 
     SERVER = harness.FpmServer
     INI = {"zend_extension": "opcache", "opcache.preload": os.path.join(harness.WWW, "preload.php"),
@@ -401,10 +375,7 @@ class Cli(unittest.TestCase):
                 self.assertEqual(traced, traces.events() != [])
 
     def test_agent_notes_go_to_its_log_file_not_to_php_output(self):
-        """No $_SERVER (variables_order without S), and opcache preloading a
-        script in a request of its own: PHP's output stays as it is, the
-        preload request is not traced, and the debug log file named by
-        CORVIDINE_LOGNAME holds the agent's notes, whatever the reporter."""
+        """No $_SERVER, or a preload request: output unchanged, the notes in CORVIDINE_LOGNAME's file."""
         preload = {"zend_extension": "opcache", "opcache.enable_cli": "1", "opcache.preload_user": "root",
                    "opcache.preload": os.path.join(harness.WWW, "preload.php")}
         # The Collector reporter aims at a closed loopback port: nothing leaves the machine.

@@ -1,13 +1,8 @@
-"""The server variables the extension copies at request start must be the
-values _SERVER holds. Under php-fpm and php-cgi they are read from the
-request's FastCGI parameters and the process environment without building
-_SERVER; these cases compare them with _SERVER, built afterwards by the page
-(www/server_cache.php, through the test hook corvidine_test_server_cache()).
-
-php-fpm is spoken to directly over FastCGI, so that a case can send
-parameters no web server in front would (an HTTPS of empty value, no
-REQUEST_URI), and its process environment is chosen by the case.
-"""
+"""The server variables the extension copies at request start (read from the
+FastCGI parameters and the process environment, without building _SERVER)
+must equal what _SERVER holds afterwards (www/server_cache.php, through the
+test hook corvidine_test_server_cache()). php-fpm is spoken to over FastCGI
+directly, so a case can send what no web server would; php-cgi runs as CGI."""
 import json
 import os
 import subprocess
@@ -28,7 +23,7 @@ BASE_PARAMS = {
     "REMOTE_PORT": "40000", "SERVER_ADDR": "127.0.0.1", "SERVER_PORT": "8080", "SERVER_NAME": "param-name",
     "HTTP_HOST": "host1:8080", "HTTP_USER_AGENT": "test",
 }
-
+NO_URI = {k: v for k, v in BASE_PARAMS.items() if k != "REQUEST_URI"}
 # Names this test controls: taken out of the inherited environment.
 CONTROLLED = ("HTTP_", "SERVER_", "REQUEST_", "SCRIPT_", "REMOTE_", "HTTPS", "QUERY_STRING", "DOCUMENT_",
               "GATEWAY_INTERFACE", "CONTENT_", "REDIRECT_STATUS", "PATH_INFO")
@@ -36,175 +31,72 @@ CONTROLLED = ("HTTP_", "SERVER_", "REQUEST_", "SCRIPT_", "REMOTE_", "HTTPS", "QU
 
 def clean_environment(extra):
     env = {k: v for k, v in os.environ.items() if not k.startswith(CONTROLLED)}
-    env.update({"CORVIDINE_REPORTER": "null"})
-    env.update(extra)
-    return env
+    return dict(env, CORVIDINE_REPORTER="null", **extra)
 
 
 def page_result(output):
-    """The page's JSON behind the CGI headers."""
-    head, _, body = output.partition("\r\n\r\n")
-    if not body:
-        head, _, body = output.partition("\n\n")
+    body = output.partition("\r\n\r\n")[2] or output.partition("\n\n")[2]
     try:
         return json.loads(body)
     except ValueError:
         raise AssertionError("not the page's answer: %r" % output[:2000])
 
 
-def start_fpm(env, ini=None):
-    """php-fpm with one worker and the environment given; the cases speak
-    FastCGI to it, past the web server."""
-    if harness.CURRENT_PHP.fpm is None:
-        raise unittest.SkipTest("no php-fpm for this PHP build")
-    fpm = harness.FpmServer(harness.CURRENT_PHP, dict({"corvidine.internal_test_hooks": "1"}, **(ini or {})),
-                            children=1)
-    fpm.env = clean_environment(env)
-    fpm.get = lambda params: page_result(harness.fcgi_request(fpm.fpm_port, params).decode())
-    return fpm.start()
-
-
-class FpmCase(unittest.TestCase):
-    """One php-fpm per class, with ENV added to its process environment."""
-
-    ENV = {}
-
-    @classmethod
-    def setUpClass(cls):
-        cls.fpm = start_fpm(cls.ENV)
-
-    @classmethod
-    def tearDownClass(cls):
-        crashes = cls.fpm.crashes()
-        cls.fpm.stop()
-        if crashes:
-            raise AssertionError("php-fpm worker crashed: %s" % crashes)
-
-    def check(self, params):
-        result = self.fpm.get(params)
+class ServerCache(unittest.TestCase):
+    def check(self, result, expected):
         self.assertEqual(result["server"], result["cache"])
-        return result["cache"]
+        self.assertNotIn("<", result["cache"].get("REQUEST_URI", ""))
+        self.assertEqual(expected, {k: result["cache"].get(k) for k in expected})
 
-
-class FpmServerCache(FpmCase):
-    """The environment supplies what the parameters leave out, and loses to
-    them where both have a name."""
-
-    ENV = {"HTTP_X_FORWARDED_FOR": "10.9.8.7", "SERVER_NAME": "env-name"}
-
-    def test_parameters_over_environment(self):
-        cache = self.check(BASE_PARAMS)
-        self.assertEqual("param-name", cache["SERVER_NAME"], "a parameter beats the environment")
-        self.assertEqual("10.9.8.7", cache["HTTP_X_FORWARDED_FOR"], "the environment fills in")
-        self.assertEqual("/server_cache.php?a=1", cache["REQUEST_URI"])
-        self.assertEqual("http://", cache["PROTOCOL"])
-        self.assertNotIn("HTTP_X_TRACE", cache)
-
-    def test_https_of_empty_value_and_trace_headers(self):
+    def test_fpm(self):
+        if harness.CURRENT_PHP.fpm is None:
+            self.skipTest("no php-fpm for this PHP build")
         xtrace = "2B" + "A" * 56 + "01"
-        cache = self.check(dict(BASE_PARAMS, HTTPS="", HTTP_X_TRACE=xtrace,
-                                HTTP_X_TRACE_OPTIONS="trigger-trace;ts=1", HTTP_X_TRACE_OPTIONS_SIGNATURE="ab12",
-                                HTTP_X_FORWARDED_HOST="front.example"))
-        self.assertEqual("https://", cache["PROTOCOL"], "HTTPS counts whatever its value")
-        self.assertEqual(xtrace, cache["HTTP_X_TRACE"])
-        self.assertEqual("trigger-trace;ts=1", cache["HTTP_X_TRACE_OPTIONS"])
-        self.assertEqual("ab12", cache["HTTP_X_TRACE_OPTIONS_SIGNATURE"])
-        self.assertEqual("front.example", cache["HTTP_X_FORWARDED_HOST"])
-
-    def test_missing_and_empty_values(self):
-        params = dict(BASE_PARAMS, HTTP_HOST="", HTTP_X_TRACE="")
-        del params["REQUEST_URI"]
-        cache = self.check(params)
-        self.assertNotIn("REQUEST_URI", cache)
-        self.assertEqual("", cache["HTTP_HOST"])
-        self.assertEqual("", cache["HTTP_X_TRACE"])
-
-    def test_long_and_non_ascii_values(self):
         uri = "/server_cache.php?q=" + "%C3%A9\u00e9\u4e2d" * 400
-        cache = self.check(dict(BASE_PARAMS, REQUEST_URI=uri, HTTP_HOST="h\u00f4te"))
-        self.assertEqual(uri, cache["REQUEST_URI"])
-        self.assertEqual("h\u00f4te", cache["HTTP_HOST"])
+        # (process environment, INI), then (parameters, expected) in a row on one worker.
+        servers = [
+            ({"HTTP_X_FORWARDED_FOR": "10.9.8.7", "SERVER_NAME": "env-name"}, {}, [
+                (BASE_PARAMS, {"SERVER_NAME": "param-name", "HTTP_X_FORWARDED_FOR": "10.9.8.7",
+                               "PROTOCOL": "http://", "HTTP_X_TRACE": None}),
+                (dict(BASE_PARAMS, HTTPS="", HTTP_X_TRACE=xtrace, HTTP_X_TRACE_OPTIONS="trigger-trace;ts=1",
+                      HTTP_X_TRACE_OPTIONS_SIGNATURE="ab12", HTTP_X_FORWARDED_HOST="front.example"),
+                 {"PROTOCOL": "https://", "HTTP_X_TRACE": xtrace, "HTTP_X_TRACE_OPTIONS_SIGNATURE": "ab12"}),
+                (BASE_PARAMS, {"PROTOCOL": "http://", "HTTP_X_TRACE": None}),  # nothing left of the one before
+                (dict(NO_URI, HTTP_HOST="", HTTP_X_TRACE=""), {"REQUEST_URI": None, "HTTP_HOST": "", "HTTP_X_TRACE": ""}),
+                (dict(BASE_PARAMS, REQUEST_URI=uri, HTTP_HOST="h\u00f4te"), {"REQUEST_URI": uri, "HTTP_HOST": "h\u00f4te"}),
+            ]),
+            ({"HTTPS": "off", "HTTP_X_TRACE": "from-env", "SERVER_NAME": "env-name"}, {}, [
+                (BASE_PARAMS, {"PROTOCOL": "https://", "HTTP_X_TRACE": "from-env", "SERVER_NAME": "param-name"}),
+                (dict(BASE_PARAMS, HTTP_X_TRACE="from-param"), {"HTTP_X_TRACE": "from-param"}),
+            ]),
+            ({}, {"filter.default": "special_chars"}, [  # the filter applies to the copy too
+                (dict(BASE_PARAMS, REQUEST_URI="/server_cache.php?a=<b>"), {}),
+            ]),
+            ({}, {"variables_order": "GPC"}, [(dict(BASE_PARAMS, HTTPS="on"), {"PROTOCOL": "http://", "REQUEST_URI": None})]),
+        ]
+        for env, ini, requests in servers:
+            fpm = harness.FpmServer(harness.CURRENT_PHP, dict({"corvidine.internal_test_hooks": "1"}, **ini), children=1)
+            fpm.env = clean_environment(env)
+            with fpm:
+                for params, expected in requests:
+                    with self.subTest(env=env, ini=ini, expected=expected):
+                        self.check(page_result(harness.fcgi_request(fpm.fpm_port, params).decode()), expected)
+                self.assertEqual([], fpm.crashes())
 
-    def test_requests_in_a_row_do_not_mix(self):
-        # One worker: the second request must not see the first one's values.
-        self.check(dict(BASE_PARAMS, HTTPS="on", HTTP_X_TRACE="first"))
-        cache = self.check(BASE_PARAMS)
-        self.assertNotIn("HTTP_X_TRACE", cache)
-        self.assertEqual("http://", cache["PROTOCOL"])
-
-
-class FpmServerCacheFromEnvironment(FpmCase):
-    """HTTPS and X-Trace from the process environment alone."""
-
-    ENV = {"HTTPS": "off", "HTTP_X_TRACE": "from-env", "SERVER_NAME": "env-name"}
-
-    def test_environment_alone(self):
-        cache = self.check(BASE_PARAMS)
-        self.assertEqual("https://", cache["PROTOCOL"])
-        self.assertEqual("from-env", cache["HTTP_X_TRACE"])
-        self.assertEqual("param-name", cache["SERVER_NAME"])
-
-    def test_parameter_over_environment(self):
-        cache = self.check(dict(BASE_PARAMS, HTTP_X_TRACE="from-param"))
-        self.assertEqual("from-param", cache["HTTP_X_TRACE"])
-
-
-class FpmServerCacheFiltered(unittest.TestCase):
-    """Where _SERVER would not hold the raw values (a default input filter
-    that rewrites them) or nothing at all (no "S" in variables_order), the
-    copy still equals _SERVER."""
-
-    def run_with(self, ini, params):
-        fpm = start_fpm({}, ini)
-        try:
-            return fpm.get(params)
-        finally:
-            fpm.stop()
-
-    def test_default_filter_rewrites_values(self):
-        result = self.run_with({"filter.default": "special_chars"},
-                               dict(BASE_PARAMS, REQUEST_URI="/server_cache.php?a=<b>&c=\"d\""))
-        self.assertEqual(result["server"], result["cache"])
-        self.assertNotIn("<", result["cache"]["REQUEST_URI"], "the filter applies to the copy too")
-
-    def test_variables_order_without_server(self):
-        result = self.run_with({"variables_order": "GPC"}, dict(BASE_PARAMS, HTTPS="on"))
-        self.assertEqual(result["server"], result["cache"])
-        self.assertEqual({"PROTOCOL": "http://"}, result["cache"])
-
-
-@unittest.skipUnless(os.access(PHP_CGI, os.X_OK), "php8.2-cgi is not installed")
-class CgiServerCache(unittest.TestCase):
-    """php-cgi as a plain CGI program: everything comes from the process
-    environment."""
-
-    def run_cgi(self, env, drop=()):
+    @unittest.skipUnless(os.access(PHP_CGI, os.X_OK), "php8.2-cgi is not installed")
+    def test_cgi(self):
         php = harness.CURRENT_PHP
         if php.flavour != "nts":
             self.skipTest("php-cgi8.2 is Debian's NTS build")
-        log = tempfile.NamedTemporaryFile(prefix="corvidine-cgi-", suffix=".log", delete=False).name
-        try:
-            args = [PHP_CGI] + php.ini_args({"corvidine.internal_test_hooks": "1"}, log) + [PAGE]
-            params = dict(BASE_PARAMS, REDIRECT_STATUS="200")
-            for name in drop:
-                del params[name]
-            out = subprocess.run(args, env=clean_environment(dict(params, **env)), capture_output=True,
-                                 timeout=30).stdout.decode("utf-8")
-        finally:
-            os.unlink(log)
-        return page_result(out)
-
-    def test_environment_values(self):
-        result = self.run_cgi({"HTTPS": "", "HTTP_X_TRACE_OPTIONS": "custom-a=b", "HTTP_HOST": "h\u00f4te"})
-        self.assertEqual(result["server"], result["cache"])
-        self.assertEqual("https://", result["cache"]["PROTOCOL"])
-        self.assertEqual("custom-a=b", result["cache"]["HTTP_X_TRACE_OPTIONS"])
-
-    def test_without_request_uri(self):
-        result = self.run_cgi({}, drop=("REQUEST_URI",))
-        self.assertEqual(result["server"], result["cache"])
-        self.assertEqual("http://", result["cache"]["PROTOCOL"])
-        self.assertNotIn("REQUEST_URI", result["cache"])
+        for params, expected in (
+                (dict(BASE_PARAMS, HTTPS="", HTTP_X_TRACE_OPTIONS="custom-a=b", HTTP_HOST="h\u00f4te"),
+                 {"PROTOCOL": "https://", "HTTP_X_TRACE_OPTIONS": "custom-a=b"}),
+                (NO_URI, {"PROTOCOL": "http://", "REQUEST_URI": None})):
+            with tempfile.NamedTemporaryFile(prefix="corvidine-cgi-", suffix=".log") as log:
+                args = [PHP_CGI] + php.ini_args({"corvidine.internal_test_hooks": "1"}, log.name) + [PAGE]
+                out = subprocess.run(args, env=clean_environment(dict(params, REDIRECT_STATUS="200")),
+                                     capture_output=True, timeout=30).stdout.decode("utf-8")
+            self.check(page_result(out), expected)
 
 
 if __name__ == "__main__":

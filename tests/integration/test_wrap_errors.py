@@ -1,8 +1,6 @@
-"""error_log() and PHP errors through real servers (nginx + php-fpm, php -S):
-the log line in PHP's error log carries the request's own trace id, sampled
-or not, and a traced request has the "error_log" and "error" events.
-"""
-import re
+"""error_log() and PHP errors through nginx + php-fpm and php -S: the lines in PHP's error log carry the
+request's trace id, and the request has the "error_log" and "error" events (unsampled requests and the
+switches: ext/tests/wrap/error_log.phpt and ext/tests/errors/error_capture.phpt)."""
 import time
 import unittest
 
@@ -50,31 +48,11 @@ class Sampled(LogCases):
         self.assertRegex(errors[0]["ErrorMsg"], r"^PHP Warning:  page warning %s in .*log\.php on line 5$" % mark)
 
 
-class Unsampled(LogCases):
-    INI = dict(LOG_INI, **{"corvidine.sample_rate": "0"})
-
-    def test_untraced_request_logs_its_id(self):
-        mark = marker()
-        r = self.get("/log.php?m=" + mark)
-        self.assertEqual("00", flags_of(r.header("X-Trace")))
-        self.check_lines(mark, r.header("X-Trace"), "0")
-        time.sleep(0.3)
-        self.assertEqual([], self.server.traces.by_task(task_of(r.header("X-Trace"))))
-
-
 class FpmSampledLog(Sampled, ServerCase):
     SERVER = harness.FpmServer
 
 
 class BuiltinSampledLog(Sampled, ServerCase):
-    SERVER = harness.BuiltinServer
-
-
-class FpmUnsampledLog(Unsampled, ServerCase):
-    SERVER = harness.FpmServer
-
-
-class BuiltinUnsampledLog(Unsampled, ServerCase):
     SERVER = harness.BuiltinServer
 
 

@@ -1,10 +1,5 @@
-"""Threads of one process serving requests at once (ZTS only): a small
-threaded SAPI on the ZTS PHP library (zts/threads.c) runs many requests in
-parallel, each thread with its own transaction settings file, so that the
-process-wide settings cache is filled and read from several threads at the
-same moment. Every request must be answered, every rule must hold, and the
-trace documents of all threads must be whole and joined up.
-"""
+"""Threads of one ZTS process serving requests at once (zts/threads.c, a threaded SAPI on libphp), each with
+its own transaction settings file: every request answered, every rule held, all traces whole and joined up."""
 import collections
 import os
 import re
@@ -88,10 +83,7 @@ class ThreadedServer(unittest.TestCase):
                              exit_["TransactionName"])
 
     def test_wrappers_per_thread(self):
-        """Traced and untraced requests run the same wrapped functions at the
-        same moment on different threads: each request's error_log line carries
-        its own trace id and sampled flag, and the wrap events of a trace are
-        those of its own request only."""
+        """Traced and untraced requests wrap the same functions at once: log lines and events stay per request."""
         code = ("preg_match('~^/t(\\d+)/r(\\d+)~', $_SERVER['REQUEST_URI'], $m);"
                 "for ($i = 0; $i < 3; $i++) { (new ArrayObject(['k' => $i]))->offsetGet('k'); }"
                 "error_log(\"t{$m[1]} r{$m[2]}\", 3, \"@WORK@/log-t{$m[1]}-r{$m[2]}.txt\");")
@@ -101,7 +93,7 @@ class ThreadedServer(unittest.TestCase):
         self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
         work = os.path.dirname(traces)
         by_task = collections.defaultdict(list)
-        for event in harness.decode_documents(traces):
+        for event in harness.bson_tools.decode_file(traces):
             if "Label" in event and not event.get("__Init"):
                 by_task[event["X-Trace"][2:42]].append(event)
         entries = {e["URL"]: task for task, events in by_task.items() for e in events if e["Label"] == "entry"
@@ -135,13 +127,11 @@ class ThreadedServer(unittest.TestCase):
                      " function pause() { usleep(20000); } crunch(1500000); pause(); echo 'ok';")
 
     def test_each_thread_profiles_its_own_requests(self):
-        """Every request profiled: a clock per request raises its own
-        thread's VM interrupt and stops before the thread's next request;
-        all threads share the one profiler thread."""
+        """A clock per request raises its own thread's VM interrupt; one profiler thread for all."""
         result, traces = self.run_threads(extra_env={"CORVIDINE_THREADS_CODE": self.PROFILED_CODE,
                                                       "CORVIDINE_THREADS_INI": "corvidine.enable_profiling=1"})
         self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
-        events = [d for d in harness.decode_documents(traces) if "Label" in d and not d.get("__Init")]
+        events = [d for d in harness.bson_tools.decode_file(traces) if "Label" in d and not d.get("__Init")]
         trace_exits = [e for e in events if e["Label"] == "exit" and e.get("Spec") != "profiling"]
         sampled = THREADS * ((REQUESTS + 1) // 2)
         self.assertEqual(sampled, len(trace_exits))

@@ -286,22 +286,6 @@ TEST(ProfilerClock, StoppedClocksNeverTouchTheirTargetAgain) {
     EXPECT_EQ(0, vesk_profiler_clocks_wait(5000));  // every stopped clock's thread ends
 }
 
-TEST(ProfilerClock, TicksFollowTheInterval) {
-    std::atomic<int> raised{0};
-    vesk_profiler_clock *clock = vesk_profiler_clock_start(
-        kInterval, [](void *p) { static_cast<std::atomic<int> *>(p)->fetch_add(1); }, &raised);
-    ASSERT_NE(nullptr, clock);
-    auto start = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    auto elapsed = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
-    vesk_profiler_clock_stop(clock);
-    uint64_t ticks = static_cast<uint64_t>(raised.load());  // final: no raise after stop
-    uint64_t expected = static_cast<uint64_t>(elapsed.count() / kInterval);
-    // Never ahead of the grid; behind it only when the machine is loaded.
-    EXPECT_LE(ticks, expected + 1);
-    EXPECT_GE(ticks, expected / 2);
-}
-
 // ---- fork
 
 TEST(ProfilerFork, AChildStartsItsOwnThreadAndLetsInheritedClocksGo) {

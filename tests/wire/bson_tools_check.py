@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The tests' shared reader (tests/support/bson_tools.py) on documents built
+"""The shared BSON reader (tools/bson_tools.py) on documents built
 here byte by byte: repeated keys survive in the module and the script outputs,
 strings must be UTF-8 unless asked otherwise, malformed input fails with the
 documented status."""
@@ -10,7 +10,7 @@ import subprocess
 import sys
 import tempfile
 
-TOOL = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "support", "bson_tools.py")
+TOOL = os.path.join(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))), "tools", "bson_tools.py")
 sys.path.insert(0, os.path.dirname(TOOL))
 import bson_tools  # noqa: E402
 

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """The agent's Collector connection (build/collector_probe) against the test
-Collector of tests/support/collector, which decodes every call with its own
+Collector of tools/collector, which decodes every call with its own
 Thrift code: TLS trust and names, protocol versions, scripted answers,
 redirects, bad replies, and closing sockets in a forked child."""
 import os
@@ -13,7 +13,7 @@ import time
 import bson
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(os.path.dirname(HERE), "support", "collector"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(HERE)), "tools", "collector"))
 from certs import Authority  # noqa: E402
 from collector import Collector, server_context  # noqa: E402
 

@@ -8,7 +8,7 @@ import tempfile
 
 import bson
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "support"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))), "tools"))
 import bson_tools  # noqa: E402
 
 build = sys.argv[1]

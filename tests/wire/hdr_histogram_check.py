@@ -1,12 +1,7 @@
 #!/usr/bin/python3
-"""Histogram encodings against readers and writers we did not write.
-
-Random value sets (every precision, values at the bounds and beyond, an empty
-histogram, one value many times) are recorded by hdr_wire_tool and by Debian's
-libhdrhistogram-java. Our encodings must read back in Java and in npm's
-hdr-histogram-js with the total count, min, max and percentiles our histogram
-reports; Java's encodings must read back the same through our decoder.
-"""
+"""Histogram encodings against Debian's libhdrhistogram-java and npm's hdr-histogram-js: random value sets
+(every precision, bounds and beyond, empty, one value many times) encoded by us read back in Java and JS with
+our count, min, max and percentiles; Java's encodings read back the same through our decoder."""
 import os
 import random
 import subprocess

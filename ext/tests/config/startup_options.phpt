@@ -1,5 +1,5 @@
 --TEST--
-Start-up options: each CORVIDINE_* variable beats its INI entry (digit-led and true/false rules); test hooks only when asked for; corvidine.tracing / trigger_tracing words (others warn, and keep the agent off for tracing); corvidine.max_ready_wait_time
+Start-up options: each CORVIDINE_* variable beats its INI entry (the service key too) (digit-led and true/false rules); test hooks only when asked for; corvidine.tracing / trigger_tracing words (others warn, and keep the agent off for tracing); corvidine.max_ready_wait_time
 --EXTENSIONS--
 corvidine
 --FILE--
@@ -28,9 +28,13 @@ $cases = [
     ['trusted path', [], ['CORVIDINE_TRUSTEDPATH' => '/etc/trust.pem'], '/etc/trust.pem'],
     ['trace metrics', [], ['CORVIDINE_TRACE_METRICS' => 'false'], '0'],   // exactly "true" or "false"
     ['trace metrics', [], ['CORVIDINE_TRACE_METRICS' => 'FALSE'], '1'],
+    ['service name', [], ['CORVIDINE_SERVICE_KEY' => 'other:Env Svc'], 'env-svc'],   // cleaned, over the INI key
+    ['service name', ['corvidine.service_key' => 'token-without-service'], [], 'default'],
+    ['corvidine.service_key', ['corvidine.service_key' => 'token-without-service'], [], '(token hidden) => (token hidden)'],
+    ['service name', ['corvidine.service_key' => 'token:' . str_repeat('a', 400)], [], str_repeat('a', 321)],   // cut, not overrun
 ];
 foreach ($cases as [$row, $ini, $env, $expected]) {
-    $r = vesk_child(null, ['corvidine.enable_cli' => 1, 'corvidine.service_key' => 'token:svc'] + $ini, $env + ['CORVIDINE_REPORTER' => 'null']);
+    $r = vesk_child(null, $ini + ['corvidine.enable_cli' => 1, 'corvidine.service_key' => 'token:svc'], $env + ['CORVIDINE_REPORTER' => 'null']);
     $shown = vesk_info_rows($r['out'])[$row] ?? "no row ({$r['err']})";
     echo $shown === $expected ? '' : "$row " . json_encode($ini + $env) . ": $shown, not $expected\n";
 }
@@ -63,5 +67,5 @@ foreach ([['-1', 'none', 0, 1.5], ['0', 'none', 2.0, 9], ['300', 'none', 0.3, 1.
 echo "done\n";
 ?>
 --EXPECT--
-21 cases done; test hooks: none false / some false
+25 cases done; test hooks: none false / some false
 done

@@ -4,7 +4,7 @@ PHP error capture: which errors become "error" events (suppression, use_error_re
 corvidine
 --FILE--
 <?php
-require __DIR__ . '/../request/request.inc';
+require __DIR__ . '/../support/child.inc';
 
 $parse = rq_script("<?php\nfunction f(\n");
 $compile = rq_script("<?php\nbreak 2;\n");
@@ -52,7 +52,7 @@ foreach ($cases as $name => [$code, $ini]) {
         if ($e['Label'] === 'error') {
             echo "event: {$e['ErrorClass']} {$e['PHPErrorCode']} {$e['ErrorLevel']}",
                  isset($e['PHPSuppressed']) ? " suppressed={$e['PHPSuppressed']}" : '',
-                 isset($e['Backtrace']) ? ' +backtrace' : '', ' ', $e['Layer'], ' ', $e['Spec'], ': ', $clean(strtok($e['ErrorMsg'], "\n")), "\n";
+                 isset($e['Backtrace']) ? ' +backtrace' : '', ' ', $e['Layer'], ' ', $e['Spec'], ': ', $clean($e['ErrorMsg']), "\n";
         }
     }
     echo rq_event($r, 'exit') !== null ? "exit event\n" : ($r['events'] ? "NO EXIT EVENT\n" : ''), $clean(trim($r['err'] . $r['out'])), "\n";
@@ -116,6 +116,9 @@ exit event
 Fatal error: stop in FILE on line 2
 -- uncaught exception
 event: ERROR E_ERROR 3 PHP error: PHP Fatal error:  Uncaught RuntimeException: boom in FILE:2
+Stack trace:
+#0 {main}
+  thrown in FILE on line 2
 exit event
 Fatal error: Uncaught RuntimeException: boom in FILE:2
 Stack trace:
@@ -135,6 +138,10 @@ exit event
 Warning: Unsupported declare 'foo' in FILE on line 2
 -- fatal error at request end
 event: ERROR E_ERROR 3 PHP error: PHP Fatal error:  Uncaught Error: Call to undefined function undefined_function() in FILE:2
+Stack trace:
+#0 [internal function]: {closure}()
+#1 {main}
+  thrown in FILE on line 2
 exit event
 Fatal error: Uncaught Error: Call to undefined function undefined_function() in FILE:2
 Stack trace:

@@ -59,7 +59,7 @@ def main():
             check(seen == [(service, "yes")], "the %s key names the service, reporter ready" % name, seen)
         check(not any("secret-token" in b for b in main_bodies + dir_bodies), "the token never shows in phpinfo()")
 
-        files = {int(path[len(server.traces.prefix):]): harness.decode_documents(path)
+        files = {int(path[len(server.traces.prefix):]): harness.bson_tools.decode_file(path)
                  for path in glob.glob(server.traces.prefix + "*")}
         inits = [d for d in files.get(master, []) if d.get("__Init") is True]
         check(len(inits) == 1 and inits[0].get("PHP.SAPI.Version") == "fpm-fcgi", "the master sent __Init once",

@@ -48,22 +48,11 @@ function hooks => observer API, 1 watcher(s)
 %wstart-up options (environment over INI)%w
 reporter => file
 service key => (token hidden):shop-front
-collector => %s.bson
-hostname alias => not set
-trusted path => not set
-log file => not set
-log level => 1
-buffer size => not set
-trace metrics => 1
-histogram precision => not set
+%A
 max transactions => 70
-max flush wait time => 5000
+%A
 events flush interval => 9
-events flush batch size => 2000
-token bucket capacity => not set
-token bucket rate => not set
-file single => 0
-ec2 metadata timeout => 1000
+%A
 
 Directive => Local Value => Master Value
 corvidine.debug_level => 1 => 1

@@ -55,8 +55,8 @@ foreach (wr_engines() as $engine => $engine_ini) {
         $exits = wr_events($r, 'test_wrap', 'exit');
         $pairs = [];
         foreach ($exits as $exit) {
-            $pairs[$exit['Function'] . ($exit['Exception'] === 'True' ? ' (exception)' : '')] ??= 0;
-            $pairs[$exit['Function'] . ($exit['Exception'] === 'True' ? ' (exception)' : '')]++;
+            $pairs[$exit['Function'] . ($exit['Exception'] === true ? ' (exception)' : '')] ??= 0;
+            $pairs[$exit['Function'] . ($exit['Exception'] === true ? ' (exception)' : '')]++;
         }
         ksort($pairs);
         $out .= 'events: ' . count($entries) . ' entries, ' . count($exits) . ' exits ' . json_encode($pairs) . "\n";

@@ -65,7 +65,7 @@ std::vector<std::string> decode_bson(const std::string &bytes) {
     std::ofstream(in, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     const char *root = getenv("CORVIDINE_SOURCE_DIR");
     FILE *p = popen(("/usr/bin/python3 " + std::string(root ? root : CORVIDINE_SOURCE_DIR) +
-                     "/tests/support/bson_tools.py json " + in)
+                     "/tools/bson_tools.py json " + in)
                         .c_str(),
                     "r");
     for (int c; p && (c = fgetc(p)) != EOF;) out.push_back(static_cast<char>(c));

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Reads BSON documents for tests and tools with Debian's python3-bson, a
+"""Reads BSON documents (for the tools and the tests) with Debian's python3-bson, a
 decoder we did not write, so a malformed document fails there and not in our
 own reader. Strings must be UTF-8 unless asked otherwise.
 

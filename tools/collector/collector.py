@@ -1,4 +1,4 @@
-"""A test Collector: the real service protocol (Thrift binary protocol over
+"""A local Collector (development and tests): the real service protocol (Thrift binary protocol over
 zlib over TLS) on a loopback port, with replies scripted per call and every
 call recorded, its arguments decoded by Debian's python3-thrift from code
 generated out of reporters/collector/collector.thrift at run time. It shares
@@ -37,7 +37,7 @@ import threading
 import zlib
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-IDL = os.path.normpath(os.path.join(HERE, "..", "..", "..", "reporters", "collector", "collector.thrift"))
+IDL = os.path.normpath(os.path.join(HERE, "..", "..", "reporters", "collector", "collector.thrift"))
 
 
 def _generated():
