@@ -16,7 +16,8 @@ void SpanAggregator::process(const SpanMessage &span) {
 void SpanAggregator::recordHistograms(const SpanMessage &span) {
     int precision = precision_.load();
     recordHistogram(histograms_, span.getServiceName(), "", span.getDuration(), precision);
-    if (span.getTransaction() != "unknown")
+    // No name is the service histogram itself: counted once, not twice.
+    if (!span.getTransaction().empty() && span.getTransaction() != "unknown")
         recordHistogram(histograms_, span.getServiceName(), span.getTransaction(), span.getDuration(), precision);
 }
 

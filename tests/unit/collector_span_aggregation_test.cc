@@ -1,10 +1,12 @@
 // Span aggregation: spans in, measurements and histograms out (histograms
 // read back through the log codec), the transaction-name limit per
-// interval, the hand-over per interval, and request threads pushing while
-// the metric thread aggregates.
+// interval, the hand-over per interval, request threads pushing while the
+// metric thread aggregates, and the reporter's table entries end to end.
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <set>
 #include <string>
@@ -12,7 +14,10 @@
 #include <vector>
 
 #include "corvidine/span_aggregator.h"
+#include "corvidine/ssl_reporter.h"
 #include "ring_buffer.h"
+#include "ssl_reporter.h"
+#include "support/harness.h"
 
 namespace {
 
@@ -60,6 +65,10 @@ const std::vector<Case> kCases = {
      {{false, "shop", "unknown", 40, 0, nullptr, 0}},
      {{T({{"TransactionName", "unknown"}}), 1, 40}},
      {{"shop&", T({{"SN", "shop"}}), 1, 40}}},
+    {"no name: the service histogram, counted once",
+     {{false, "shop", nullptr, 60, 0, nullptr, 0}},
+     {{T({{"TransactionName", ""}}), 1, 60}},
+     {{"shop&", T({{"SN", "shop"}}), 1, 60}}},
     {"http: method and status apart, errors counted on their own",
      {{true, "shop", "/b", 10, 200, "GET", 0}, {true, "shop", "/b", 30, 500, "GET", 1}},
      {{T({{"SN", "shop"}, {"TransactionName", "/b"}}), 2, 40},
@@ -233,6 +242,49 @@ TEST(SpanAggregation, ConcurrentProducersAndTheAggregatingThread) {
     }
     EXPECT_EQ(kThreads * kSpans, base);
     EXPECT_EQ(kThreads * kSpans / 2, errors);
+}
+
+// The reporter's table: options to the limit and precision, the request
+// thread's entries, and the metric thread draining the span queue into the
+// aggregates even with no Collector (a closed port on loopback).
+TEST(SpanAggregation, ReporterTableLimitsQueuesAndAggregates) {
+    setenv("CORVIDINE_CLOUD_METADATA", "off", 1);
+    for (int traceMetrics : {1, 0}) {
+        SCOPED_TRACE(traceMetrics);
+        vesk_init_options_t o = corvidine_test::init_options("ssl", "127.0.0.1:1");
+        o.max_transactions = 2;
+        o.histogram_precision = 4;
+        o.trace_metrics = traceMetrics;
+        o.max_flush_wait_time = 0;
+        vesk_reporter_t table;
+        ASSERT_EQ(0, vesk_reporter_init_ssl(&table, &o));
+        auto *r = static_cast<vesk_ssl_reporter *>(vesk_reporter_get_context(&table));
+        EXPECT_EQ(0, table.is_winthin_limit(nullptr, "s", "/a"));
+        EXPECT_EQ(1, table.is_winthin_limit(r, "s", "/a"));
+        EXPECT_EQ(1, table.is_winthin_limit(r, nullptr, "/b"));
+        EXPECT_EQ(0, table.is_winthin_limit(r, "s", "/c"));
+        EXPECT_EQ(1, table.is_winthin_limit(r, "s", "/a"));
+        EXPECT_EQ(4, r->getHistogramPrecision());
+
+        table.send_http_span(r, "s", "/a", 100, 500, "POST", 1);
+        table.send_span(r, "s", "", 50);
+        EXPECT_EQ(traceMetrics ? 2u : 0u, r->spanQueue.total());
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (r->spanQueue.count() > 0 && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        r->disconnect();  // the metric thread has ended: its maps may be read
+        const HistogramMap &h = r->spans.histograms();
+        if (traceMetrics) {
+            ASSERT_EQ(2u, h.size());
+            EXPECT_EQ(2, h.at("s&")->hdr()->total_count);
+            EXPECT_EQ(4, h.at("s&")->hdr()->significant_figures);
+            EXPECT_EQ(1, h.at("s&/a")->hdr()->total_count);
+            EXPECT_EQ(5u, r->spans.measurements().size());  // 4 of the HTTP span, 1 of the plain one
+        } else {
+            EXPECT_TRUE(h.empty());
+        }
+        EXPECT_EQ(1, table.destroy(r));
+    }
 }
 
 }  // namespace

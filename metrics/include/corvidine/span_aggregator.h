@@ -2,7 +2,7 @@
 // of one metrics interval, per service and transaction.
 //
 // Per span: one histogram for the service, one for service and transaction
-// (not for "unknown"), and "TransactionResponseTime" measurements: for a
+// (not for "unknown" or no name), and "TransactionResponseTime" measurements: for a
 // plain span one tagged TransactionName; for an HTTP span SN (if any) and
 // TransactionName, the same plus HttpMethod, the same plus HttpStatus, and
 // with an error the same plus Errors "true". Method and status never share a
