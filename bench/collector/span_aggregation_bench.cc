@@ -56,8 +56,9 @@ void BM_SpanPushOnRequestThread(benchmark::State &state) {
     for (auto _ : state) {
         const std::string &name = names[n++ % names.size()];
         auto t0 = Clock::now();
-        const char *transaction =
-            aggregator->limit().isWithinLimit(transactionKey("shop", name.c_str()), 200) ? name.c_str() : "other";
+        const char *transaction = aggregator->limit().isWithinLimit(transactionKey("shop", name.c_str()), 200)
+                                      ? name.c_str()
+                                      : "other";
         queue->push(std::make_shared<HttpSpanMessage>("shop", transaction, 1234, 200, "GET", 0));
         mine.push_back(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - t0).count());
     }
@@ -95,8 +96,9 @@ void BM_AggregateHttpSpans(benchmark::State &state) {
     const int statuses[] = {200, 200, 302, 404};
     std::vector<std::unique_ptr<HttpSpanMessage>> spans;
     for (int i = 0; i < 4000; i++)
-        spans.push_back(std::make_unique<HttpSpanMessage>("shop", names[i % names.size()].c_str(), 200 + (i * 7919) % 90000,
-                                                          statuses[i % 4], i % 3 ? "GET" : "POST", i % 10 == 0));
+        spans.push_back(std::make_unique<HttpSpanMessage>("shop", names[i % names.size()].c_str(),
+                                                          200 + (i * 7919) % 90000, statuses[i % 4],
+                                                          i % 3 ? "GET" : "POST", i % 10 == 0));
     SpanAggregator aggregator;
     for (auto _ : state) {
         for (const auto &s : spans) aggregator.process(*s);

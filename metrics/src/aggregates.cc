@@ -21,7 +21,8 @@ std::string Histogram::encode() const {
 
 std::unique_ptr<Histogram> Histogram::decode(const char *text, int length) {
     hdr_histogram *h = nullptr;
-    if (text == nullptr || length < 0 || hdr_log_decode(&h, text, static_cast<size_t>(length)) != 0) return nullptr;
+    if (text == nullptr || length < 0 || hdr_log_decode(&h, text, static_cast<size_t>(length)) != 0)
+        return nullptr;
     return std::make_unique<Histogram>(h);
 }
 

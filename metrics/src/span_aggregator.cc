@@ -18,7 +18,8 @@ void SpanAggregator::recordHistograms(const SpanMessage &span) {
     recordHistogram(histograms_, span.getServiceName(), "", span.getDuration(), precision);
     // No name is the service histogram itself: counted once, not twice.
     if (!span.getTransaction().empty() && span.getTransaction() != "unknown")
-        recordHistogram(histograms_, span.getServiceName(), span.getTransaction(), span.getDuration(), precision);
+        recordHistogram(histograms_, span.getServiceName(), span.getTransaction(), span.getDuration(),
+                        precision);
 }
 
 void SpanAggregator::processSpanMessage(const SpanMessage &span) {

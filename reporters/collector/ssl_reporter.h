@@ -3,7 +3,8 @@
 //
 //   request threads -> eventQueue/profilingQueue -> event sender (postEvents)
 //                   -> statusQueue, spanQueue, customMetricQueue
-//                                                -> metric sender (settings,
+//                                                -> metric sender (span
+//                                                   aggregation, settings,
 //                                                   status, host identity)
 //
 // Threads: the constructor starts both senders; send/sendSpan/the ready
@@ -97,7 +98,9 @@ public:
     int sendSpan(int type, const char *service, const char *transaction, int64_t duration, int status,
                  const char *method, int hasError);
     // The transaction-name limit of this interval; key from transactionKey.
-    bool isSpanWithinLimit(const std::string &key) { return spans.limit().isWithinLimit(key, maxTransactions.load()); }
+    bool isSpanWithinLimit(const std::string &key) {
+        return spans.limit().isWithinLimit(key, maxTransactions.load());
+    }
     int addCustomMetric(const CustomMetricMessage &metric);
     bool isEventQueueReady();
     bool isProfilingQueueReady() { return isReady(profilingQueue, profilingReady_, "Profiling"); }

@@ -50,17 +50,22 @@ struct Case {
 };
 
 std::shared_ptr<SpanMessage> message(const Span &s) {
-    if (s.http) return std::make_shared<HttpSpanMessage>(s.service, s.transaction, s.duration, s.status, s.method, s.error);
+    if (s.http)
+        return std::make_shared<HttpSpanMessage>(s.service, s.transaction, s.duration, s.status, s.method,
+                                                 s.error);
     return std::make_shared<SpanMessage>(s.service, s.transaction, s.duration);
 }
 
-const Tags T(std::initializer_list<std::pair<const std::string, std::string>> l) { return Tags(l); }
+const Tags T(std::initializer_list<std::pair<const std::string, std::string>> l) {
+    return Tags(l);
+}
 
 const std::vector<Case> kCases = {
     {"two plain spans of one transaction",
      {{false, "shop", "/a", 100, 0, nullptr, 0}, {false, "shop", "/a", 250, 0, nullptr, 0}},
      {{T({{"TransactionName", "/a"}}), 2, 350}},
-     {{"shop&", T({{"SN", "shop"}}), 2, 250}, {"shop&/a", T({{"SN", "shop"}, {"TransactionName", "/a"}}), 2, 250}}},
+     {{"shop&", T({{"SN", "shop"}}), 2, 250},
+      {"shop&/a", T({{"SN", "shop"}, {"TransactionName", "/a"}}), 2, 250}}},
     {"unknown only in the service histogram",
      {{false, "shop", "unknown", 40, 0, nullptr, 0}},
      {{T({{"TransactionName", "unknown"}}), 1, 40}},
@@ -76,7 +81,8 @@ const std::vector<Case> kCases = {
       {T({{"SN", "shop"}, {"TransactionName", "/b"}, {"HttpStatus", "200"}}), 1, 10},
       {T({{"SN", "shop"}, {"TransactionName", "/b"}, {"HttpStatus", "500"}}), 1, 30},
       {T({{"SN", "shop"}, {"TransactionName", "/b"}, {"Errors", "true"}}), 1, 30}},
-     {{"shop&", T({{"SN", "shop"}}), 2, 30}, {"shop&/b", T({{"SN", "shop"}, {"TransactionName", "/b"}}), 2, 30}}},
+     {{"shop&", T({{"SN", "shop"}}), 2, 30},
+      {"shop&/b", T({{"SN", "shop"}, {"TransactionName", "/b"}}), 2, 30}}},
     {"http without service or method: no SN, empty method tag",
      {{true, nullptr, "/c", 7, 404, nullptr, 0}},
      {{T({{"TransactionName", "/c"}}), 1, 7},
@@ -86,12 +92,15 @@ const std::vector<Case> kCases = {
     {"beyond one hour: measured, not in the histograms",
      {{false, "s", "/d", 3600000001L, 0, nullptr, 0}, {false, "s", "/d", 3600000000L, 0, nullptr, 0}},
      {{T({{"TransactionName", "/d"}}), 2, 7200000001.0}},
-     {{"s&", T({{"SN", "s"}}), 1, 3600000000L}, {"s&/d", T({{"SN", "s"}, {"TransactionName", "/d"}}), 1, 3600000000L}}},
+     {{"s&", T({{"SN", "s"}}), 1, 3600000000L},
+      {"s&/d", T({{"SN", "s"}, {"TransactionName", "/d"}}), 1, 3600000000L}}},
     {"services apart, plain measurement without SN merges them",
      {{false, "a", "/e", 5, 0, nullptr, 0}, {false, "b", "/e", 6, 0, nullptr, 0}},
      {{T({{"TransactionName", "/e"}}), 2, 11}},
-     {{"a&", T({{"SN", "a"}}), 1, 5}, {"a&/e", T({{"SN", "a"}, {"TransactionName", "/e"}}), 1, 5},
-      {"b&", T({{"SN", "b"}}), 1, 6}, {"b&/e", T({{"SN", "b"}, {"TransactionName", "/e"}}), 1, 6}}},
+     {{"a&", T({{"SN", "a"}}), 1, 5},
+      {"a&/e", T({{"SN", "a"}, {"TransactionName", "/e"}}), 1, 5},
+      {"b&", T({{"SN", "b"}}), 1, 6},
+      {"b&/e", T({{"SN", "b"}, {"TransactionName", "/e"}}), 1, 6}}},
 };
 
 // The histogram as a reader of the message sees it: through the log codec.
@@ -161,9 +170,7 @@ TEST(SpanAggregation, TakingHandsOverTheIntervalAndStartsAfresh) {
 }
 
 TEST(SpanAggregation, PrecisionIsHeldInRangeAndUsedForNewHistograms) {
-    const struct {
-        int set, stored;
-    } cases[] = {{0, 1}, {-3, 1}, {1, 1}, {3, 3}, {5, 5}, {9, 5}};
+    const struct { int set, stored; } cases[] = {{0, 1}, {-3, 1}, {1, 1}, {3, 3}, {5, 5}, {9, 5}};
     for (const auto &c : cases) {
         SpanAggregator agg;
         agg.setHistogramPrecision(c.set);
@@ -179,7 +186,11 @@ TEST(SpanAggregation, PrecisionIsHeldInRangeAndUsedForNewHistograms) {
 TEST(TransactionLimit, KeysAndTheLimitPerInterval) {
     const struct {
         const char *service, *name, *key;
-    } keys[] = {{"s", "t", "s&t"}, {nullptr, "t", "t"}, {"s", nullptr, "s&"}, {nullptr, nullptr, ""}, {"", "t", "&t"}};
+    } keys[] = {{"s", "t", "s&t"},
+                {nullptr, "t", "t"},
+                {"s", nullptr, "s&"},
+                {nullptr, nullptr, ""},
+                {"", "t", "&t"}};
     for (const auto &k : keys) EXPECT_EQ(k.key, transactionKey(k.service, k.name));
 
     TransactionLimit limit;
@@ -207,8 +218,10 @@ TEST(SpanAggregation, ConcurrentProducersAndTheAggregatingThread) {
         producers.emplace_back([&, t] {
             for (int i = 0; i < kSpans; i++) {
                 std::string name = "/t" + std::to_string(t) + "/" + std::to_string(i % kNames);
-                if (agg.limit().isWithinLimit(transactionKey("s", name.c_str()), kMax)) accepted[t].insert(name);
-                else name = "other";
+                if (agg.limit().isWithinLimit(transactionKey("s", name.c_str()), kMax))
+                    accepted[t].insert(name);
+                else
+                    name = "other";
                 queue->push(std::make_shared<HttpSpanMessage>("s", name.c_str(), 1 + i, 200, "GET", i % 2));
             }
         });

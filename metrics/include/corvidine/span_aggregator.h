@@ -30,7 +30,9 @@ namespace corvidine {
 class SpanAggregator {
 public:
     // Any thread: held in 1..5, default 2; applies to histograms made later.
-    void setHistogramPrecision(int precision) { precision_ = precision < 1 ? 1 : (precision > 5 ? 5 : precision); }
+    void setHistogramPrecision(int precision) {
+        precision_ = precision < 1 ? 1 : (precision > 5 ? 5 : precision);
+    }
     int getHistogramPrecision() const { return precision_.load(); }
 
     TransactionLimit &limit() { return limit_; }

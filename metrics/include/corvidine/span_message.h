@@ -12,7 +12,9 @@ namespace corvidine {
 class SpanMessage {
 public:
     SpanMessage(const char *service, const char *transaction, long duration)
-        : serviceName(service ? service : ""), transaction(transaction ? transaction : ""), duration(duration) {}
+        : serviceName(service ? service : ""),
+          transaction(transaction ? transaction : ""),
+          duration(duration) {}
     virtual ~SpanMessage() = default;
 
     const std::string &getServiceName() const { return serviceName; }
@@ -29,9 +31,11 @@ private:
 
 class HttpSpanMessage : public SpanMessage {
 public:
-    HttpSpanMessage(const char *service, const char *transaction, long duration, int status, const char *method,
-                    int hasError)
-        : SpanMessage(service, transaction, duration), status(status), method(method ? method : ""),
+    HttpSpanMessage(const char *service, const char *transaction, long duration, int status,
+                    const char *method, int hasError)
+        : SpanMessage(service, transaction, duration),
+          status(status),
+          method(method ? method : ""),
           error(hasError != 0) {}
 
     int getStatus() const { return status; }
