@@ -1,6 +1,6 @@
 // The metric thread: status documents, settings from the Collector, the
-// expiry of settings, the host identity, and the hand-over of spans and
-// custom metrics to their aggregation. Paced by a 500 ms sleep and timers.
+// expiry of settings, the host identity, and the hand-over of spans to
+// their aggregation (custom metrics are drained). Paced by a 500 ms sleep and timers.
 #include <time.h>
 #include <unistd.h>
 
@@ -169,10 +169,15 @@ void vesk_ssl_reporter::metricSender() {
         if (metricConnected && !threadsStop && retryAllowed(st.settingsRetry, wallNow) && now >= st.nextSettings)
             settingsStep(st, now);
 
-        // Spans and custom metrics: taken without waiting. Their aggregation
-        // into metrics messages is not part of this build yet; they are
-        // dropped here so that the queues never stall their producers.
-        for (uint64_t n = spanQueue.count(); n > 0; n--) spanQueue.pop(now);
+        // Spans and custom metrics: taken without waiting, a snapshot of the
+        // count, so a steady stream cannot hold the pass here. Spans go into
+        // this interval's aggregates, whether connected or not. Custom
+        // metrics have no aggregation in this build yet and are dropped, so
+        // that their queue never stalls its producers.
+        for (uint64_t n = spanQueue.count(); n > 0; n--) {
+            std::shared_ptr<SpanMessage> span = spanQueue.pop(now);
+            if (span) spans.process(*span);
+        }
         for (uint64_t n = customMetricQueue.count(); n > 0; n--) customMetricQueue.pop(now);
 
         if (doFlushMetrics_) st.flushPasses++;

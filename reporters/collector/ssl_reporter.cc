@@ -110,9 +110,14 @@ ssize_t vesk_ssl_reporter::send(int channel, const char *data, size_t length) {
     return static_cast<ssize_t>(length);
 }
 
-int vesk_ssl_reporter::sendSpan(const SpanMessage &span) {
+int vesk_ssl_reporter::sendSpan(int type, const char *service, const char *transaction, int64_t duration,
+                                int status, const char *method, int hasError) {
     if (spansDisabled) return 0;
-    spanQueue.push(std::make_shared<SpanMessage>(span));
+    if (transaction != nullptr && transaction[0] == '\0') transaction = nullptr;
+    if (type == SPAN_PLAIN)
+        spanQueue.push(std::make_shared<SpanMessage>(service, transaction, duration));
+    else if (type == SPAN_HTTP)
+        spanQueue.push(std::make_shared<HttpSpanMessage>(service, transaction, duration, status, method, hasError));
     return 0;
 }
 

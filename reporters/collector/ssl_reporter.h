@@ -3,7 +3,8 @@
 //
 //   request threads -> eventQueue/profilingQueue -> event sender (postEvents)
 //                   -> statusQueue, spanQueue, customMetricQueue
-//                                                -> metric sender (settings,
+//                                                -> metric sender (span
+//                                                   aggregation, settings,
 //                                                   status, host identity)
 //
 // Threads: the constructor starts both senders; send/sendSpan/the ready
@@ -30,6 +31,7 @@
 #include "Collector.h"
 #include "connector.h"
 #include "corvidine/reporter.h"
+#include "corvidine/span_aggregator.h"
 #include "host_id.h"
 #include "retry.h"
 #include "ring_buffer.h"
@@ -46,16 +48,7 @@ constexpr int kPingIntervalS = 20;
 constexpr int kSettingsIntervalS = 30;
 constexpr int kTimeoutCheckIntervalS = 10;
 
-// A span handed over by a request, aggregated by the metrics code.
-struct SpanMessage {
-    bool http = false;
-    std::string service;
-    std::string transaction;  // empty: none
-    int64_t duration = 0;
-    int status = 0;
-    std::string method;
-    bool hasError = false;
-};
+enum SpanType { SPAN_PLAIN = 0, SPAN_HTTP = 1 };
 
 struct CustomMetricMessage {
     std::string name;
@@ -100,7 +93,14 @@ public:
 
     // Request threads.
     ssize_t send(int channel, const char *data, size_t length);
-    int sendSpan(const SpanMessage &span);
+    // Queues a SpanMessage (SPAN_PLAIN) or HttpSpanMessage (SPAN_HTTP) for
+    // the metric thread; nothing else happens on the request thread.
+    int sendSpan(int type, const char *service, const char *transaction, int64_t duration, int status,
+                 const char *method, int hasError);
+    // The transaction-name limit of this interval; key from transactionKey.
+    bool isSpanWithinLimit(const std::string &key) {
+        return spans.limit().isWithinLimit(key, maxTransactions.load());
+    }
     int addCustomMetric(const CustomMetricMessage &metric);
     bool isEventQueueReady();
     bool isProfilingQueueReady() { return isReady(profilingQueue, profilingReady_, "Profiling"); }
@@ -118,7 +118,7 @@ public:
     int closeSockets();
 
     void disableSpan(bool disabled) { spansDisabled = disabled; }
-    void setHistogramPrecision(int precision) { histogramPrecision = precision < 1 ? 1 : (precision > 5 ? 5 : precision); }
+    void setHistogramPrecision(int precision) { spans.setHistogramPrecision(precision); }
     uint64_t getQueuedCount() const { return eventQueue.total(); }
     uint64_t getSentCount() const { return sentCount.load(); }
     uint64_t getFailedCount() const { return failedCount.load(); }
@@ -128,7 +128,7 @@ public:
     uint64_t getQueueSize() const { return eventQueue.size(); }
     int getFlushMaxWaitTime() const { return flushMaxWaitTime; }
     pid_t getPid() const { return pid; }
-    int getHistogramPrecision() const { return histogramPrecision; }
+    int getHistogramPrecision() const { return spans.getHistogramPrecision(); }
     int getEventsFlushInterval();
     int getMaxTransactions() const { return maxTransactions.load(); }
     int getMetricsFlushInterval() const { return metricsFlushInterval.load(); }
@@ -147,6 +147,9 @@ public:
     Queue statusQueue;
     RingBuffer<SpanMessage, kQueueSlots> spanQueue;
     RingBuffer<CustomMetricMessage, kQueueSlots> customMetricQueue;
+    // Span aggregates of the current metrics interval: the maps belong to
+    // the metric thread, the transaction limit is shared (span_aggregator.h).
+    SpanAggregator spans;
 
 private:
     template <typename Q>
@@ -188,7 +191,6 @@ private:
         customMetricReady_{false};
     std::atomic<bool> spansDisabled{false};
     std::atomic<bool> threadsStop{false};
-    int histogramPrecision = 2;
     std::atomic<int> metricsFlushInterval{60};
     std::atomic<int> maxTransactions;
     std::atomic<int> maxCustomMetrics{500};

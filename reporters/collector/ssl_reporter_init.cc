@@ -55,9 +55,9 @@ int profiling_ready(void *ctx) { return ctx == nullptr || self(ctx)->isProfiling
 int status_ready(void *ctx) { return ctx == nullptr || self(ctx)->isStatusQueueReady(); }
 int span_ready(void *ctx) { return ctx == nullptr || self(ctx)->isSpanQueueReady(); }
 int custom_metric_ready(void *ctx) { return ctx == nullptr || self(ctx)->isCustomMetricQueueReady(); }
-// Transaction-name limits belong to the span aggregation; until it is built
-// every name is within the limit.
-int is_within_limit(void *ctx, const char *, const char *) { return ctx == nullptr ? 0 : 1; }
+int is_within_limit(void *ctx, const char *service, const char *transaction) {
+    return ctx != nullptr && self(ctx)->isSpanWithinLimit(corvidine::transactionKey(service, transaction));
+}
 
 ssize_t send(void *ctx, int channel, const char *data, size_t length) {
     if (ctx == nullptr || data == nullptr) {
@@ -69,25 +69,13 @@ ssize_t send(void *ctx, int channel, const char *data, size_t length) {
 
 int send_span(void *ctx, const char *service, const char *transaction, int64_t duration) {
     if (ctx == nullptr) return 0;
-    corvidine::SpanMessage s;
-    s.service = service ? service : "";
-    s.transaction = transaction ? transaction : "";
-    s.duration = duration;
-    return self(ctx)->sendSpan(s);
+    return self(ctx)->sendSpan(corvidine::SPAN_PLAIN, service, transaction, duration, 0, nullptr, 0);
 }
 
 int send_http_span(void *ctx, const char *service, const char *transaction, int64_t duration, int status,
                    const char *method, int has_error) {
     if (ctx == nullptr) return 0;
-    corvidine::SpanMessage s;
-    s.http = true;
-    s.service = service ? service : "";
-    s.transaction = transaction ? transaction : "";
-    s.duration = duration;
-    s.status = status;
-    s.method = method ? method : "";
-    s.hasError = has_error != 0;
-    return self(ctx)->sendSpan(s);
+    return self(ctx)->sendSpan(corvidine::SPAN_HTTP, service, transaction, duration, status, method, has_error);
 }
 
 int add_custom_metric(void *ctx, const char *name, double value, int count, int host_tag, const char *service_name,
