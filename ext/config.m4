@@ -61,17 +61,17 @@ if test "$PHP_CORVIDINE" != "no"; then
   PHP_EVAL_LIBLINE([$VESK_THRIFT_LIB_LIBS], [CORVIDINE_SHARED_LIBADD])
   PHP_ADD_LIBRARY([z], 1, [CORVIDINE_SHARED_LIBADD])
   vesk_collector_sources=`cd "$abs_srcdir/.." && ls reporters/collector/*.cc | LC_ALL=C sort | tr '\n' ' '`
-  vesk_collector_flags="$vesk_core_flags $VESK_THRIFT_LIB_CFLAGS -I$abs_srcdir/../reporters/collector -I`pwd`/collector-gen -I$abs_srcdir/../metrics/include"
+  vesk_collector_flags="$vesk_core_flags $VESK_THRIFT_LIB_CFLAGS -I$abs_srcdir/../reporters/collector -I`pwd`/collector-gen -I$abs_srcdir/../reporters/metrics/include"
   PHP_ADD_SOURCES_X([..], [$vesk_collector_sources], [$vesk_collector_flags], [shared_objects_corvidine], [yes])
   PHP_ADD_SOURCES_X([/collector-gen], [Collector.cpp collector_types.cpp], [$vesk_collector_flags -w],
     [shared_objects_corvidine], [yes])
 
-  dnl The metric aggregates (../metrics) the Collector reporter keeps: the HDR
+  dnl The metric aggregates (../reporters/metrics) the Collector reporter keeps: the HDR
   dnl histogram and its log encoding (zlib, linked above), span aggregation.
-  vesk_metrics_sources=`cd "$abs_srcdir/.." && ls metrics/src/*.cc | LC_ALL=C sort | tr '\n' ' '`
-  PHP_ADD_SOURCES_X([..], [$vesk_metrics_sources], [$vesk_core_flags -I$abs_srcdir/../metrics/include],
+  vesk_metrics_sources=`cd "$abs_srcdir/.." && ls reporters/metrics/src/*.cc | LC_ALL=C sort | tr '\n' ' '`
+  PHP_ADD_SOURCES_X([..], [$vesk_metrics_sources], [$vesk_core_flags -I$abs_srcdir/../reporters/metrics/include],
     [shared_objects_corvidine], [yes])
-  PHP_ADD_BUILD_DIR([$ext_builddir/../metrics/src])
+  PHP_ADD_BUILD_DIR([$ext_builddir/../reporters/metrics/src])
 
   vesk_object_dirs=`cd "$abs_srcdir" && find src -type d | tr '\n' ' '`
   for vesk_dir in $vesk_object_dirs ../core/src ../reporters/src ../reporters/collector collector-gen; do

@@ -98,8 +98,8 @@ link_files core/src \( -name '*.cc' -o -name '*.h' \)
 link_files reporters/include
 link_files reporters/src \( -name '*.cc' -o -name '*.h' \)
 link_files reporters/collector \( -name '*.cc' -o -name '*.h' -o -name '*.thrift' \)
-link_files metrics/include
-link_files metrics/src \( -name '*.cc' -o -name '*.h' \)
+link_files reporters/metrics/include
+link_files reporters/metrics/src \( -name '*.cc' -o -name '*.h' \)
 rm -rf "$SRC/ext/tests" "$SRC/tests/support" "$SRC/tests/integration"
 cp -r "$ROOT/ext/tests" "$SRC/ext/tests"
 # The helpers shared by all tests (and the server harness the fpm test uses),
