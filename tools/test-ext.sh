@@ -113,6 +113,8 @@ signature=$( (cd "$SRC" && find . -type l | LC_ALL=C sort; sha256sum "$ROOT/ext/
 cd "$SRC/ext"
 if [ ! -f Makefile ] || [ "$(cat .corvidine-signature 2>/dev/null)" != "$signature" ]; then
   log "phpize + configure"
+  # Objects and their dependency lists may name files that moved: start clean.
+  find "$SRC" \( -name '*.lo' -o -name '*.o' -o -name '*.dep' \) -delete
   "$PHPIZE" >phpize.log 2>&1 || { cat phpize.log; exit 1; }
   ./configure --with-php-config="$PHP_CONFIG" >configure.log 2>&1 || { tail -n 40 configure.log; exit 1; }
   echo "$signature" >.corvidine-signature
