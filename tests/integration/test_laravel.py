@@ -14,8 +14,7 @@ LARAVEL = os.path.join(harness.HERE, "laravel")
 FIXTURE = os.path.join(LARAVEL, "fixture")
 CLI_INI = {"corvidine.enable_cli": "1"}
 
-# The fixture's HTTP request, as every table sees it. The listener span of
-# an [class, method] listener is only in Laravel 8's table (ARRAY_LISTENER).
+# The fixture's HTTP request, as every table sees it; the span of an [class, method] listener is only in Laravel 8's.
 HTTP_BEFORE_LISTENERS = [
     "laravel_autoload entry", "laravel_autoload exit", "laravel_bootstrap entry",
     "laravel_service_provider_register entry", "laravel_service_provider_register exit",
@@ -30,13 +29,10 @@ HTTP_AFTER_LISTENERS = (
     ["laravel_event_listener entry", "laravel_event_listener exit",   # the listener that throws
      "laravel_sql entry", "laravel_sql exit"] +
     ["laravel_cache entry", "laravel_cache exit"] * 14 +
-    ["laravel error", "laravel error",
-     "laravel_controller_execute exit",
-     "laravel_middleware_after entry", "laravel_middleware_after exit",
-     "laravel_handle exit",
-     "laravel_respond entry", "laravel_respond exit",
-     "laravel_terminate entry", "laravel_middleware_terminate entry", "laravel_middleware_terminate exit",
-     "laravel_terminate exit",
+    ["laravel error", "laravel error", "laravel_controller_execute exit",
+     "laravel_middleware_after entry", "laravel_middleware_after exit", "laravel_handle exit",
+     "laravel_respond entry", "laravel_respond exit", "laravel_terminate entry",
+     "laravel_middleware_terminate entry", "laravel_middleware_terminate exit", "laravel_terminate exit",
      "laravel_event_listener entry", "laravel_event_listener exit"])
 
 # (version text, LaravelVersion, has the array listener)
@@ -189,8 +185,7 @@ class FixtureCase(unittest.TestCase):
 # A request to /shop, provider spans left out: (layer label, keys).
 SHOP = [
     ("laravel_autoload entry", {}), ("laravel_autoload exit", {}), ("laravel_bootstrap entry", {}),
-    ("laravel_bootstrap exit", {"LaravelVersion": "8", "LaravelRequestType": "Http"}),
-    ("laravel_handle entry", {}),
+    ("laravel_bootstrap exit", {"LaravelVersion": "8", "LaravelRequestType": "Http"}), ("laravel_handle entry", {}),
     ("laravel_middleware_before entry", {"Middleware": "App\\Http\\Middleware\\StampResponse"}),
     ("laravel_middleware_before exit", {}),
     ("laravel_controller_execute entry", {"Controller": "App\\Http\\Controllers\\ShopController", "Action": "index"}),
@@ -207,13 +202,10 @@ SHOP = [
     ("laravel_view_render entry", {"View": "shop"}), ("laravel_view_render exit", {}),
     ("laravel_controller_execute exit", {}),
     ("laravel_middleware_after entry", {"Middleware": "App\\Http\\Middleware\\StampResponse"}),
-    ("laravel_middleware_after exit", {}),
-    ("laravel_handle exit", {}),
-    ("laravel_respond entry", {}), ("laravel_respond exit", {}),
-    ("laravel_terminate entry", {}),
+    ("laravel_middleware_after exit", {}), ("laravel_handle exit", {}),
+    ("laravel_respond entry", {}), ("laravel_respond exit", {}), ("laravel_terminate entry", {}),
     ("laravel_middleware_terminate entry", {"Middleware": "App\\Http\\Middleware\\StampResponse"}),
-    ("laravel_middleware_terminate exit", {}),
-    ("laravel_terminate exit", {}),
+    ("laravel_middleware_terminate exit", {}), ("laravel_terminate exit", {}),
 ]
 
 
