@@ -159,6 +159,13 @@ class Server:
         if os.environ.get("CORVIDINE_IT_KEEP") != "1":
             shutil.rmtree(self.dir, ignore_errors=True)
 
+    def spawn(self, command, port, timeout=10, stderr=None):
+        """Starts one process of the server (stderr: a file name in the directory) and waits for its port."""
+        out = open(os.path.join(self.dir, stderr), "w") if stderr else subprocess.DEVNULL
+        process = subprocess.Popen(command, env=self.env, stdout=subprocess.DEVNULL, stderr=out)
+        self.processes.append(process)
+        wait_for_port(port, process, timeout)
+
     def __enter__(self):
         self.start()
         return self
@@ -191,16 +198,10 @@ class FpmServer(Server):
         nginx_conf = write_text(os.path.join(self.dir, "nginx.conf"),
                                 NGINX_CONF.format(dir=self.dir, port=self.port, fpm_port=fpm_port, www=self.root,
                                                    fallback=self.fallback))
-        fpm = subprocess.Popen(self.fpm_prefix + [self.php.fpm, "-F", "-R", "-y", fpm_conf] +
-                               self.php.ini_args(self.ini, self.php_log, self.load_module),
-                               env=self.env, stdout=subprocess.DEVNULL,
-                               stderr=open(os.path.join(self.dir, "fpm.stderr"), "w"))
-        self.processes.append(fpm)
-        wait_for_port(fpm_port, fpm, timeout=60 if self.fpm_prefix else 10)
-        nginx = subprocess.Popen([NGINX, "-p", self.dir, "-c", nginx_conf], env=self.env,
-                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.processes.append(nginx)
-        wait_for_port(self.port, nginx)
+        self.spawn(self.fpm_prefix + [self.php.fpm, "-F", "-R", "-y", fpm_conf] +
+                   self.php.ini_args(self.ini, self.php_log, self.load_module), fpm_port,
+                   60 if self.fpm_prefix else 10, "fpm.stderr")
+        self.spawn([NGINX, "-p", self.dir, "-c", nginx_conf], self.port)
         return self
 
     def crashes(self):
@@ -219,11 +220,8 @@ class BuiltinServer(Server):
 
     def start(self):
         self.port = free_port()
-        server = subprocess.Popen(self.prefix + [self.php.cli] + self.php.ini_args(self.ini, self.php_log) +
-                                  ["-S", "127.0.0.1:%d" % self.port, "-t", WWW],
-                                  env=self.env, stdout=subprocess.DEVNULL, stderr=open(self.stderr_path, "w"))
-        self.processes.append(server)
-        wait_for_port(self.port, server, timeout=60 if self.prefix else 10)
+        self.spawn(self.prefix + [self.php.cli] + self.php.ini_args(self.ini, self.php_log) +
+                   ["-S", "127.0.0.1:%d" % self.port, "-t", WWW], self.port, 60 if self.prefix else 10, "server.stderr")
         return self
 
     def crashes(self):
