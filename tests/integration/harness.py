@@ -1,10 +1,5 @@
-"""Real servers for the integration tests: nginx + php-fpm, PHP's built-in
-server and the CLI, each with the extension loaded and the file reporter
-writing into a private directory; curl and a FastCGI client as clients;
-Debian's python3-bson as the reader of what the extension wrote. Everything
-listens on free loopback ports and lives in a temporary directory that is
-removed when the server stops.
-"""
+"""Real servers on free loopback ports in temp dirs (nginx + php-fpm, php -S, the CLI, databases), the file
+reporter's output read back with Debian's python3-bson, curl and a FastCGI client as clients."""
 import glob
 import hashlib
 import hmac
@@ -43,11 +38,10 @@ class Php:
             self.fpm = "/usr/sbin/php-fpm8.2"
 
     def ini_args(self, ini, log, load_module=True):
-        """-n (no system php.ini, so no other extension gets in the way), our
-        module, errors to a log file, then the test's own entries."""
+        """-n (no system php.ini), our module, errors to a log, then the test's entries (a list value repeats)."""
         args = ["-n"] + (["-d", "extension=" + self.module] if load_module else [])
         args += ["-d", "log_errors=1", "-d", "error_log=" + log, "-d", "display_errors=0", "-d", "html_errors=0"]
-        return args + [a for key, value in ini.items()  # a list: the entry repeated
+        return args + [a for key, value in ini.items()
                        for one in (value if isinstance(value, list) else [value]) for a in ("-d", "%s=%s" % (key, one))]
 
 
@@ -70,6 +64,23 @@ def wait_for_port(port, process, timeout=10.0):
     raise RuntimeError("nothing listens on port %d" % port)
 
 
+def terminate(process, timeout):
+    if process is not None and process.poll() is None:
+        process.send_signal(signal.SIGTERM)
+        try:
+            process.wait(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+
+
+def shared_modules(php, names):
+    """INI loading those of names that this PHP has as shared modules (a -n run loads none)."""
+    directory = subprocess.run([php.cli, "-n", "-r", "echo PHP_EXTENSION_DIR;"], capture_output=True,
+                               text=True, check=True).stdout
+    return {"extension": [m for m in names if os.path.exists(os.path.join(directory, m + ".so"))]}
+
+
 def read_text(path):
     try:
         with open(path, errors="replace") as handle:
@@ -84,14 +95,8 @@ def write_text(path, text):
     return path
 
 
-def decode_documents(path):
-    """Every document of one file reporter file, decoded strictly."""
-    return bson_tools.decode_file(path)
-
-
 class Traces:
-    """The documents the file reporter wrote (one file per process), decoded
-    strictly: keys and strings must be UTF-8."""
+    """The documents the file reporter wrote (one file per process), decoded strictly (UTF-8 keys/strings)."""
 
     def __init__(self, directory):
         self.directory = directory
@@ -107,8 +112,7 @@ class Traces:
         return [e for e in self.events() if e["X-Trace"][2:42] == task]
 
     def wait_trace(self, predicate, timeout=5.0):
-        """The entry and exit event of the first trace whose entry satisfies
-        predicate, waiting for the exit event to be written."""
+        """Entry and exit event of the first trace whose entry satisfies predicate (waits for the exit)."""
         deadline = time.time() + timeout
         while True:
             events = self.events()
@@ -148,19 +152,19 @@ class Server:
         return read_text(self.php_log)
 
     def stop(self):
-        """Stops the processes and removes the directory, unless
-        CORVIDINE_IT_KEEP=1 asks to leave it for a look."""
+        """Stops the processes; removes the directory unless CORVIDINE_IT_KEEP=1."""
         for process in reversed(self.processes):
-            if process.poll() is None:
-                process.send_signal(signal.SIGTERM)
-                try:
-                    process.wait(timeout=10)
-                except subprocess.TimeoutExpired:
-                    process.kill()
-                    process.wait()
+            terminate(process, 10)
         self.processes = []
         if os.environ.get("CORVIDINE_IT_KEEP") != "1":
             shutil.rmtree(self.dir, ignore_errors=True)
+
+    def spawn(self, command, port, timeout=10, stderr=None):
+        """Starts one process of the server (stderr: a file name in the directory) and waits for its port."""
+        out = open(os.path.join(self.dir, stderr), "w") if stderr else subprocess.DEVNULL
+        process = subprocess.Popen(command, env=self.env, stdout=subprocess.DEVNULL, stderr=out)
+        self.processes.append(process)
+        wait_for_port(port, process, timeout)
 
     def __enter__(self):
         self.start()
@@ -175,8 +179,7 @@ class FpmServer(Server):
 
     def __init__(self, php, ini=None, env=None, children=2, fpm_prefix=None, load_module=True, root=None,
                  front_controller=False):
-        """root: the document root (default tests/integration/www);
-        front_controller: paths that are no file go to /index.php."""
+        """root: document root (default www/); front_controller: paths that are no file go to /index.php."""
         super().__init__(php, ini, env, load_module)
         self.root = root or WWW
         self.fallback = "location / { try_files $uri /index.php$is_args$args; }" if front_controller else ""
@@ -195,16 +198,10 @@ class FpmServer(Server):
         nginx_conf = write_text(os.path.join(self.dir, "nginx.conf"),
                                 NGINX_CONF.format(dir=self.dir, port=self.port, fpm_port=fpm_port, www=self.root,
                                                    fallback=self.fallback))
-        fpm = subprocess.Popen(self.fpm_prefix + [self.php.fpm, "-F", "-R", "-y", fpm_conf] +
-                               self.php.ini_args(self.ini, self.php_log, self.load_module),
-                               env=self.env, stdout=subprocess.DEVNULL,
-                               stderr=open(os.path.join(self.dir, "fpm.stderr"), "w"))
-        self.processes.append(fpm)
-        wait_for_port(fpm_port, fpm, timeout=60 if self.fpm_prefix else 10)
-        nginx = subprocess.Popen([NGINX, "-p", self.dir, "-c", nginx_conf], env=self.env,
-                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.processes.append(nginx)
-        wait_for_port(self.port, nginx)
+        self.spawn(self.fpm_prefix + [self.php.fpm, "-F", "-R", "-y", fpm_conf] +
+                   self.php.ini_args(self.ini, self.php_log, self.load_module), fpm_port,
+                   60 if self.fpm_prefix else 10, "fpm.stderr")
+        self.spawn([NGINX, "-p", self.dir, "-c", nginx_conf], self.port)
         return self
 
     def crashes(self):
@@ -223,11 +220,8 @@ class BuiltinServer(Server):
 
     def start(self):
         self.port = free_port()
-        server = subprocess.Popen(self.prefix + [self.php.cli] + self.php.ini_args(self.ini, self.php_log) +
-                                  ["-S", "127.0.0.1:%d" % self.port, "-t", WWW],
-                                  env=self.env, stdout=subprocess.DEVNULL, stderr=open(self.stderr_path, "w"))
-        self.processes.append(server)
-        wait_for_port(self.port, server, timeout=60 if self.prefix else 10)
+        self.spawn(self.prefix + [self.php.cli] + self.php.ini_args(self.ini, self.php_log) +
+                   ["-S", "127.0.0.1:%d" % self.port, "-t", WWW], self.port, 60 if self.prefix else 10, "server.stderr")
         return self
 
     def crashes(self):
@@ -246,8 +240,7 @@ class Response:
 
 
 def curl(url, headers=None, timeout=10):
-    """One request with real curl; headers: name -> value (str or bytes: a
-    bytes value goes out as it is, for hostile input)."""
+    """One request with real curl; headers: name -> str or bytes (sent as is, for hostile input)."""
     command = ["curl", "-s", "-S", "--max-time", str(timeout), "-D", "-", "-o", "/dev/stderr", "--noproxy", "*"]
     for name, value in (headers or {}).items():
         if isinstance(value, bytes):
@@ -272,8 +265,7 @@ def curl(url, headers=None, timeout=10):
 
 
 def fcgi_request(port, params):
-    """One FastCGI request straight to php-fpm, with parameters no web server
-    in front would send; returns what the worker wrote to stdout."""
+    """One FastCGI request straight to php-fpm (parameters no web server would send); returns its stdout."""
     def record(kind, content):
         return struct.pack(">BBHHBB", 1, kind, 1, len(content), 0, 0) + content
 
@@ -305,24 +297,23 @@ def signature(options):
 
 
 def openssl_signature(options):
-    """The same HMAC by the openssl tool, so that the test does not lean on
-    one implementation only."""
+    """The same HMAC by the openssl tool, so that the test does not lean on one implementation."""
     out = subprocess.run(["openssl", "dgst", "-sha1", "-hmac", SIGNATURE_KEY.decode()],
                          input=options.encode(), capture_output=True, check=True).stdout.decode()
     return out.strip().split()[-1]
 
 
-def run_cli(php, script, ini=None, env=None, args=None, directory=None, load_module=True):
-    """Runs a script under the CLI with the file reporter; returns
-    (completed process, Traces, directory)."""
+def run_cli(php, script, ini=None, env=None, args=None, directory=None, load_module=True, prefix=None):
+    """Runs a script under the CLI (after prefix, e.g. valgrind) with the file reporter; returns (completed process,
+    Traces, directory)."""
     directory = directory or tempfile.mkdtemp(prefix="corvidine-it-cli-")
     traces = Traces(directory)
     full_env = dict(os.environ)
     full_env.update({"CORVIDINE_REPORTER": "file", "CORVIDINE_COLLECTOR": traces.prefix})
     full_env.update(env or {})
     log = os.path.join(directory, "php-errors.log")
-    command = [php.cli] + php.ini_args(ini or {}, log, load_module) + [script] + (args or [])
-    result = subprocess.run(command, env=full_env, capture_output=True, timeout=60)
+    command = (prefix or []) + [php.cli] + php.ini_args(ini or {}, log, load_module) + [script] + (args or [])
+    result = subprocess.run(command, env=full_env, capture_output=True, timeout=300 if prefix else 60)
     return result, traces, directory
 
 
@@ -369,72 +360,10 @@ http {{
 """
 
 
-class MariaDB:
-    """A MariaDB server of its own: a fresh data directory, a free loopback
-    port and a socket in a temporary directory, no grant tables (any user
-    gets in), database "test". Stopped and removed by stop()."""
-
-    def __init__(self):
-        self.dir = tempfile.mkdtemp(prefix="corvidine-it-mariadb-")
-        self.data = os.path.join(self.dir, "data")
-        self.socket = os.path.join(self.dir, "mysqld.sock")
-        self.port = None
-        self.process = None
-
-    @staticmethod
-    def available():
-        return shutil.which("mariadbd", path="/usr/sbin:/usr/bin") is not None and \
-            shutil.which("mariadb-install-db") is not None
-
-    def start(self):
-        subprocess.run(["mariadb-install-db", "--no-defaults", "--user=root", "--datadir=" + self.data,
-                        "--auth-root-authentication-method=normal", "--skip-test-db"],
-                       check=True, capture_output=True, timeout=120)
-        os.makedirs(os.path.join(self.data, "test"), exist_ok=True)
-        self.port = free_port()
-        self.process = subprocess.Popen(
-            [shutil.which("mariadbd", path="/usr/sbin:/usr/bin"), "--no-defaults", "--user=root",
-             "--datadir=" + self.data, "--socket=" + self.socket, "--port=%d" % self.port,
-             "--bind-address=127.0.0.1", "--skip-grant-tables", "--skip-name-resolve", "--skip-log-bin",
-             "--innodb-buffer-pool-size=16M", "--pid-file=" + os.path.join(self.dir, "mysqld.pid"),
-             "--log-error=" + os.path.join(self.dir, "error.log")],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        try:
-            wait_for_port(self.port, self.process, timeout=60)
-        except RuntimeError:
-            self.stop()
-            raise
-        return self
-
-    def stop(self):
-        if self.process is not None and self.process.poll() is None:
-            self.process.terminate()
-            try:
-                self.process.wait(timeout=30)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
-        self.process = None
-        shutil.rmtree(self.dir, ignore_errors=True)
-
-
-def database_ini(php):
-    """INI that loads the database modules a -n run lacks (a PHP with them
-    built in needs none), in the order they depend on each other."""
-    if php.flavour == "zts":
-        return {}
-    directory = subprocess.run([php.cli, "-n", "-r", "echo PHP_EXTENSION_DIR;"], capture_output=True,
-                               text=True, check=True).stdout
-    modules = [m for m in ("mysqlnd", "mysqli", "pdo", "pdo_sqlite", "pdo_mysql")
-               if os.path.exists(os.path.join(directory, m + ".so"))]
-    # "-d extension=..." more than once: a list value becomes one -d per item.
-    return {"extension": modules}
-
-
-class KeyValueServer:
-    """A key-value server of its own on a free loopback port, in a temporary
-    directory; stopped (and the directory removed) by stop()."""
+class Daemon:
+    """A server of its own on a free loopback port, in a temporary directory; stop() ends it and removes both."""
     NAME = None
+    TIMEOUT = 10
 
     def __init__(self):
         self.dir = tempfile.mkdtemp(prefix="corvidine-it-%s-" % self.NAME)
@@ -442,56 +371,73 @@ class KeyValueServer:
         self.process = None
 
     @classmethod
-    def available(cls):
-        return shutil.which(cls.NAME, path="/usr/bin:/usr/sbin") is not None
+    def binary(cls):
+        return shutil.which(cls.NAME, path="/usr/sbin:/usr/bin")
 
-    def command(self):
-        raise NotImplementedError
+    @classmethod
+    def available(cls):
+        return cls.binary() is not None
 
     def start(self):
         self.port = free_port()
         self.process = subprocess.Popen(self.command(), cwd=self.dir, stdout=subprocess.DEVNULL,
                                         stderr=subprocess.DEVNULL)
         try:
-            wait_for_port(self.port, self.process)
+            wait_for_port(self.port, self.process, timeout=self.TIMEOUT)
         except RuntimeError:
             self.stop()
             raise
         return self
 
     def stop(self):
-        if self.process is not None and self.process.poll() is None:
-            self.process.terminate()
-            try:
-                self.process.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
+        terminate(self.process, 30)
         self.process = None
         shutil.rmtree(self.dir, ignore_errors=True)
 
 
-class RedisServer(KeyValueServer):
+class MariaDB(Daemon):
+    """A fresh data directory, no grant tables (any user gets in), database "test"."""
+    NAME = "mariadbd"
+    TIMEOUT = 60
+
+    @classmethod
+    def available(cls):
+        return cls.binary() is not None and shutil.which("mariadb-install-db") is not None
+
+    def command(self):
+        self.data, self.socket = os.path.join(self.dir, "data"), os.path.join(self.dir, "mysqld.sock")
+        subprocess.run(["mariadb-install-db", "--no-defaults", "--user=root", "--datadir=" + self.data,
+                        "--auth-root-authentication-method=normal", "--skip-test-db"],
+                       check=True, capture_output=True, timeout=120)
+        os.makedirs(os.path.join(self.data, "test"), exist_ok=True)
+        return [self.binary(), "--no-defaults", "--user=root", "--datadir=" + self.data, "--socket=" + self.socket,
+                "--port=%d" % self.port, "--bind-address=127.0.0.1", "--skip-grant-tables", "--skip-name-resolve",
+                "--skip-log-bin", "--innodb-buffer-pool-size=16M", "--pid-file=" + os.path.join(self.dir, "mysqld.pid"),
+                "--log-error=" + os.path.join(self.dir, "error.log")]
+
+
+def database_ini(php):
+    """The database modules a -n run lacks (none for the ZTS build, which has them built in), in dependency order."""
+    return {} if php.flavour == "zts" else shared_modules(php, ("mysqlnd", "mysqli", "pdo", "pdo_sqlite", "pdo_mysql"))
+
+
+class RedisServer(Daemon):
     NAME = "redis-server"
 
     def command(self):
-        return [shutil.which(self.NAME, path="/usr/bin:/usr/sbin"), "--bind", "127.0.0.1", "--port", str(self.port),
-                "--save", "", "--appendonly", "no", "--dir", self.dir]
+        return [self.binary(), "--bind", "127.0.0.1", "--port", str(self.port), "--save", "", "--appendonly", "no",
+                "--dir", self.dir]
 
 
-class MemcachedServer(KeyValueServer):
+class MemcachedServer(Daemon):
     NAME = "memcached"
 
     def command(self):
-        return [shutil.which(self.NAME, path="/usr/bin:/usr/sbin"), "-l", "127.0.0.1", "-p", str(self.port),
-                "-U", "0"] + (["-u", "root"] if os.geteuid() == 0 else [])
+        return [self.binary(), "-l", "127.0.0.1", "-p", str(self.port), "-U", "0"] + \
+            (["-u", "root"] if os.geteuid() == 0 else [])
 
 
 def key_value_ini(php):
-    """INI that loads the key-value modules a -n run lacks, serializers
-    first; None when this PHP has neither phpredis nor php-memcached."""
-    directory = subprocess.run([php.cli, "-n", "-r", "echo PHP_EXTENSION_DIR;"], capture_output=True,
-                               text=True, check=True).stdout
-    modules = [m for m in ("igbinary", "msgpack", "redis", "memcached")
-               if os.path.exists(os.path.join(directory, m + ".so"))]
-    return {"extension": modules} if "redis" in modules or "memcached" in modules else None
+    """The key-value modules a -n run lacks, serializers first; None without phpredis and php-memcached."""
+    ini = shared_modules(php, ("igbinary", "msgpack", "redis", "memcached"))
+    return ini if {"redis", "memcached"} & set(ini["extension"]) else None

@@ -1,8 +1,5 @@
-"""The ssl reporter in php-fpm workers against the test Collector of
-tests/support/collector (which decodes every call with its own Thrift
-code; the documents are read with Debian's python3-bson): delivery in
-batches, every reply code, a Collector restarted or black-holed, flush at
-shutdown, a reporter per worker."""
+"""The ssl reporter in php-fpm workers against the test Collector (its own Thrift decoder; documents read with
+python3-bson): batches, reply codes, a Collector restarted or black-holed, flush at shutdown, a reporter per worker."""
 import os
 import signal
 import struct
@@ -52,11 +49,7 @@ def collector(port=0):
 
 def documents(c):
     """Every document posted with postEvents, with the poster's HostID pid."""
-    out = []
-    for call in c.calls_of("postEvents"):
-        for raw in call["messages"]:
-            out.append((call["identity"]["pid"], bson.decode(raw)))
-    return out
+    return [(call["identity"]["pid"], bson.decode(raw)) for call in c.calls_of("postEvents") for raw in call["messages"]]
 
 
 def wait_for(predicate, timeout=15.0):
@@ -86,9 +79,8 @@ def server(port, children=2, **env):
 
 
 def traced_requests(c, fpm, count, marker):
-    """Sends requests until `count` of them reached the Collector as entry
-    events (the first requests of a new worker may come before its
-    settings). Their documents, or an empty list after the time-out."""
+    """Sends requests until `count` reached the Collector as entry events (a new worker's first may come before its
+    settings): their documents, or [] after the time-out."""
     def arrived():
         return [d for _, d in documents(c) if d.get("Label") == "entry" and marker in d.get("URL", "")]
     deadline = time.time() + 20
@@ -119,8 +111,7 @@ class CollectorReporter(unittest.TestCase):
                 self.assertTrue(entries, c.calls_of("postEvents")[-3:])
                 posts = c.calls_of("postEvents")
                 self.assertLessEqual(len(posts), most_posts)
-                # Every worker has its own reporter: the pid it reports is a
-                # worker's, not the master's, and its documents carry it.
+                # Every worker has its own reporter: the pid its documents carry is a worker's, not the master's.
                 pids = {pid for pid, _ in documents(c)}
                 self.assertNotIn(fpm.processes[0].pid, pids)
                 self.assertTrue(all(c.calls_of("getSettings")))
@@ -176,8 +167,7 @@ class CollectorReporter(unittest.TestCase):
             self.assertTrue(traced_requests(c, fpm, 2, "after"), c.calls[-3:])
             c.stop()
 
-            # Black-holed: the Collector reads and never answers; requests
-            # are served all the same.
+            # Black-holed: the Collector reads and never answers; requests are served all the same.
             c = collector(port)
             c.script("postEvents", *(["HANG"] * 10))
             for i in range(5):
@@ -186,8 +176,7 @@ class CollectorReporter(unittest.TestCase):
         finally:
             fpm.stop()
 
-        # Flush at shutdown: a long interval keeps the documents queued until
-        # the workers end; their graceful end delivers them.
+        # Flush at shutdown: a long interval keeps the documents queued until the workers' graceful end.
         with collector() as c:
             fpm = server(c.port, CORVIDINE_EVENTS_FLUSH_INTERVAL=60).start()
             try:
@@ -195,8 +184,7 @@ class CollectorReporter(unittest.TestCase):
                 posted = len(documents(c))
                 for i in range(4):
                     curl(fpm.url("/index.php?flush=%d" % i))
-                # A graceful stop of each worker (SIGQUIT, as php-fpm's own
-                # graceful stop sends), without the master's kill deadline.
+                # SIGQUIT (php-fpm's own graceful stop) to each worker, without the master's kill deadline.
                 master = fpm.processes[0].pid
                 with open("/proc/%d/task/%d/children" % (master, master)) as handle:
                     workers = [int(p) for p in handle.read().split()]

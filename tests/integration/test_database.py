@@ -1,10 +1,5 @@
-"""Database wrappers against real servers: PDO on SQLite and on MariaDB,
-mysqli on MariaDB (started here on a loopback port, see harness.MariaDB).
-Each wrapped call is an entry and an exit event with the query sanitized or
-raw, the bound values when sanitizing is off, and the host when the call
-succeeded; the scripts' output, warnings and exceptions are the same with
-the agent as without it.
-"""
+"""Database wrappers against real servers (PDO on SQLite and MariaDB, mysqli on MariaDB): each call is an entry and
+exit event with the query sanitized or raw, the bound values, the host; output is the same without the agent."""
 import os
 import tempfile
 import unittest
@@ -14,14 +9,12 @@ from test_request_tracing import ServerCase, marker, op_of
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 TRACED = {"corvidine.enable_cli": "1", "corvidine.max_ready_wait_time": "-1"}
-# opcache's run-time caches and the tracing JIT keep the function records
-# they resolved; the user subclass of PDO is linked against them too.
+# opcache's run-time caches and the tracing JIT keep the function records they resolved (the PDO subclass too).
 ENGINES = {"plain": {}, "jit": {"zend_extension": "opcache", "opcache.enable_cli": "1", "opcache.jit": "tracing",
                                "opcache.jit_buffer_size": "64M", "opcache.jit_hot_loop": "1", "opcache.jit_hot_func": "1"}}
 MARIADB = None
 
-# Rows: Function, Query sanitized, Query raw (None: the same), bound values,
-# host (HOST: the connection's; None: none, the call failed).
+# Function, Query sanitized, Query raw (None: same), bound values, host (HOST: the connection's; None: failed).
 HOST = "host"
 PDO_CALLS = [
     ("exec", "DROP TABLE IF EXISTS t", None, None, HOST),
@@ -81,10 +74,7 @@ def script(name):
 def backends(sqlite_dir):
     """Name, environment and host of each database a PDO script runs on."""
     path = os.path.join(sqlite_dir, "app.sqlite")
-    found = [("sqlite", {"DB_DSN": "sqlite:" + path}, path)]
-    if MARIADB is not None:
-        found.append(("mysql", mysql_env(), "127.0.0.1"))
-    return found
+    return [("sqlite", {"DB_DSN": "sqlite:" + path}, path)] + ([("mysql", mysql_env(), "127.0.0.1")] if MARIADB else [])
 
 
 def mysql_env():
@@ -109,8 +99,8 @@ class DatabaseCalls:
             self.assertEqual(("entry", "exit"), (entry["Label"], exit_["Label"]))
             self.assertEqual(flavor, entry["Flavor"])
             self.assertEqual(op_of(entry["X-Trace"]), exit_["Edge"])
-            key = "Queries" if entry["Function"] == "multi_query" else "Query"
-            self.assertNotIn("Queries" if key == "Query" else "Query", entry)
+            key, other = ("Queries", "Query") if entry["Function"] == "multi_query" else ("Query", "Queries")
+            self.assertNotIn(other, entry)
             query = entry.get(key)
             args = entry.get("QueryArgs", exit_.get("QueryArgs"))
             host = exit_.get("RemoteHost")

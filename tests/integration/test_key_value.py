@@ -1,10 +1,6 @@
-"""Key-value wrappers against real servers: phpredis on a redis-server and
-php-memcached on a memcached, both started here on loopback ports. Every
-wrapped call is a span of layer "phpredis" or "memcached"; a phpredis
-pipeline or multi block is one span with an info event per command. The
-scripts' output, warnings and exceptions are the same with the agent as
-without it, predis (not wrapped) included.
-"""
+"""phpredis on a redis-server and php-memcached on a memcached of their own: each call a span ("phpredis" or
+"memcached"; a pipeline or multi block is one span with an info event per command); output, warnings and exceptions
+are the same without the agent, predis (not wrapped) included."""
 import os
 import unittest
 
@@ -14,15 +10,13 @@ from test_request_tracing import marker, op_of
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SERVERS = {}
-# BSON kinds of the keys, per layer (integers are written as int64, whatever
-# their size in the wrapper).
+# BSON kinds of the keys, per layer (integers are int64, whatever their size in the wrapper).
 KINDS = {"phpredis": {"KVOp": "string", "KVKey": "string", "RemoteHost": "string", "KVHit": "int64"},
          "memcached": {"KVOp": "string", "KVKey": "binary", "KVKeyCount": "int64", "RemoteHost": "binary",
                        "KVHit": "int64", "KVHitCount": "int64"}}
 HOST = "127.0.0.1"
 
-# phpredis events in order: label, KVOp, KVKey, RemoteHost, KVHit. KVHit is
-# 1 only for a boolean true: a string result counts as a miss.
+# phpredis events: label, KVOp, KVKey, RemoteHost, KVHit (1 only for a boolean true: a string counts as a miss).
 REDIS_EVENTS = [
     ("entry", "connect", None, HOST, None), ("exit", None, None, None, None),
     ("entry", "pconnect", None, HOST, None), ("exit", None, None, None, None),
@@ -55,23 +49,14 @@ REDIS_EVENTS = [
 REDIS_OUTPUT = ('[true,true,true,"v1",false,"v1",1,"x",["v2",false],["v2"],0,[true,"v"],true,[1],["v"],"TypeError",'
                 'false,4,true]\n')
 
-# One row per memcached call: KVKey, KVKeyCount, RemoteHost (entry); KVOp,
-# KVHit, KVHitCount (exit).
+# One row per memcached call: KVKey, KVKeyCount, RemoteHost (entry); KVOp, KVHit, KVHitCount (exit).
 MEMCACHED_CALLS = [
-    (b"m1", None, HOST, "set", None, None),
-    (b"m1", None, HOST, "get", 1, None),
-    (b"nope", None, HOST, "get", 0, None),
-    (b"m1", None, HOST, "add", 0, None),
-    (None, 2, HOST, "set", None, None),
-    (None, 3, HOST, "get", None, 2),
-    (b"a", None, HOST, "incr", None, None),
-    (b"a", None, HOST, "decr", None, None),
-    (b"nope", None, HOST, "delete", 0, None),
-    (b"bk", None, HOST, "set", None, None),
-    (b"bk", None, HOST, "get", 1, None),
+    (b"m1", None, HOST, "set", None, None), (b"m1", None, HOST, "get", 1, None), (b"nope", None, HOST, "get", 0, None),
+    (b"m1", None, HOST, "add", 0, None), (None, 2, HOST, "set", None, None), (None, 3, HOST, "get", None, 2),
+    (b"a", None, HOST, "incr", None, None), (b"a", None, HOST, "decr", None, None),
+    (b"nope", None, HOST, "delete", 0, None), (b"bk", None, HOST, "set", None, None), (b"bk", None, HOST, "get", 1, None),
     (b"m1", None, HOST, "get", None, 3),  # GET_EXTENDED: an array of three
-    (b"m1", None, HOST, "cas", 1, None),
-    (b"m1", None, HOST, "append", 1, None),
+    (b"m1", None, HOST, "cas", 1, None), (b"m1", None, HOST, "append", 1, None),
     (None, 1, HOST, "get", 1, None),  # getDelayed returns true
     (None, 2, HOST, "delete", None, 2),
     (b"k\xff", None, HOST, "get", None, None),  # a bad key: neither hit nor miss
@@ -116,8 +101,7 @@ class KeyValueTest(unittest.TestCase):
             self.skipTest("this PHP has no %s extension (%s)" % (layer, harness.CURRENT_PHP.flavour))
 
     def layer(self, traces, layer):
-        """The layer's events, after checking that each follows the one
-        before it and that its keys are of their kinds."""
+        """The layer's events, checked to follow one another (Edge) and to have keys of their kinds."""
         events = [e for e in traces.events() if e.get("Layer") == layer]
         for before, event in zip(events, events[1:]):
             edges = event["Edge"] if isinstance(event["Edge"], list) else [event["Edge"]]

@@ -3,7 +3,6 @@
 (laravel/app8). Events read with python3-bson, written here as "layer label"."""
 import os
 import shutil
-import subprocess
 import tempfile
 import time
 import unittest
@@ -15,8 +14,7 @@ LARAVEL = os.path.join(harness.HERE, "laravel")
 FIXTURE = os.path.join(LARAVEL, "fixture")
 CLI_INI = {"corvidine.enable_cli": "1"}
 
-# The fixture's HTTP request, as every table sees it. The listener span of
-# an [class, method] listener is only in Laravel 8's table (ARRAY_LISTENER).
+# The fixture's HTTP request, as every table sees it; the span of an [class, method] listener is only in Laravel 8's.
 HTTP_BEFORE_LISTENERS = [
     "laravel_autoload entry", "laravel_autoload exit", "laravel_bootstrap entry",
     "laravel_service_provider_register entry", "laravel_service_provider_register exit",
@@ -31,13 +29,10 @@ HTTP_AFTER_LISTENERS = (
     ["laravel_event_listener entry", "laravel_event_listener exit",   # the listener that throws
      "laravel_sql entry", "laravel_sql exit"] +
     ["laravel_cache entry", "laravel_cache exit"] * 14 +
-    ["laravel error", "laravel error",
-     "laravel_controller_execute exit",
-     "laravel_middleware_after entry", "laravel_middleware_after exit",
-     "laravel_handle exit",
-     "laravel_respond entry", "laravel_respond exit",
-     "laravel_terminate entry", "laravel_middleware_terminate entry", "laravel_middleware_terminate exit",
-     "laravel_terminate exit",
+    ["laravel error", "laravel error", "laravel_controller_execute exit",
+     "laravel_middleware_after entry", "laravel_middleware_after exit", "laravel_handle exit",
+     "laravel_respond entry", "laravel_respond exit", "laravel_terminate entry",
+     "laravel_middleware_terminate entry", "laravel_middleware_terminate exit", "laravel_terminate exit",
      "laravel_event_listener entry", "laravel_event_listener exit"])
 
 # (version text, LaravelVersion, has the array listener)
@@ -75,22 +70,10 @@ class FixtureCase(unittest.TestCase):
         framework = os.path.join(app, "framework.php")
         with open(framework) as handle:
             text = handle.read().replace("%VERSION%", version)
-        with open(framework, "w") as handle:
-            handle.write(text)
-        php = harness.CURRENT_PHP
-        if not with_module:
-            return subprocess.run([php.cli, "-n", os.path.join(app, "index.php"), mode], capture_output=True,
-                                  env=dict(os.environ, **(env or {})), timeout=60)
-        if prefix:
-            traces = harness.Traces(directory)
-            run_env = dict(os.environ, CORVIDINE_REPORTER="file", CORVIDINE_COLLECTOR=traces.prefix, **(env or {}))
-            command = prefix + [php.cli] + php.ini_args(dict(CLI_INI, **(ini or {})), os.path.join(directory, "log"))
-            self.result = subprocess.run(command + [os.path.join(app, "index.php"), mode], capture_output=True,
-                                         env=run_env, timeout=300)
-            return traces.events()
-        result, traces, _ = harness.run_cli(php, os.path.join(app, "index.php"), dict(CLI_INI, **(ini or {})),
-                                            env, [mode], directory)
-        self.result = result
+        harness.write_text(framework, text)
+        self.result, traces, _ = harness.run_cli(harness.CURRENT_PHP, os.path.join(app, "index.php"),
+                                                 dict(CLI_INI, **(ini or {})), env, [mode], directory, with_module,
+                                                 prefix)
         return traces.events()
 
     def test_every_row_of_every_table(self):
@@ -147,9 +130,8 @@ class FixtureCase(unittest.TestCase):
         self.assertEqual("artisan-migrate", events[-1]["TransactionName"])
 
     def test_middleware_that_answers_itself(self):
-        # Its after span was never opened: closing it closes every span still
-        # open, each with a bare exit, and the kernel's own exit then finds
-        # the stack empty and sends nothing.
+        # Its after span was never opened: closing it closes every open span with a bare exit, and the kernel's
+        # own exit then finds the stack empty and sends nothing.
         events = self.run_fixture("5.8.38", "blocked")
         self.assertEqual(["laravel_handle entry", "laravel_middleware_before entry",
                           "laravel_middleware_before exit", "laravel_handle exit",
@@ -196,15 +178,14 @@ class FixtureCase(unittest.TestCase):
                     self.assertEqual("Unclosed span 'laravel_handle'", events[-3].get("ErrorMsg"))
 
     def test_application_sees_the_same_without_the_agent(self):
-        plain = self.run_fixture("8.83.26", with_module=False)
-        self.assertEqual((0, APP_OUTPUT), (plain.returncode, plain.stdout))
+        self.run_fixture("8.83.26", with_module=False)
+        self.assertEqual((0, APP_OUTPUT), (self.result.returncode, self.result.stdout))
 
 
 # A request to /shop, provider spans left out: (layer label, keys).
 SHOP = [
     ("laravel_autoload entry", {}), ("laravel_autoload exit", {}), ("laravel_bootstrap entry", {}),
-    ("laravel_bootstrap exit", {"LaravelVersion": "8", "LaravelRequestType": "Http"}),
-    ("laravel_handle entry", {}),
+    ("laravel_bootstrap exit", {"LaravelVersion": "8", "LaravelRequestType": "Http"}), ("laravel_handle entry", {}),
     ("laravel_middleware_before entry", {"Middleware": "App\\Http\\Middleware\\StampResponse"}),
     ("laravel_middleware_before exit", {}),
     ("laravel_controller_execute entry", {"Controller": "App\\Http\\Controllers\\ShopController", "Action": "index"}),
@@ -221,20 +202,16 @@ SHOP = [
     ("laravel_view_render entry", {"View": "shop"}), ("laravel_view_render exit", {}),
     ("laravel_controller_execute exit", {}),
     ("laravel_middleware_after entry", {"Middleware": "App\\Http\\Middleware\\StampResponse"}),
-    ("laravel_middleware_after exit", {}),
-    ("laravel_handle exit", {}),
-    ("laravel_respond entry", {}), ("laravel_respond exit", {}),
-    ("laravel_terminate entry", {}),
+    ("laravel_middleware_after exit", {}), ("laravel_handle exit", {}),
+    ("laravel_respond entry", {}), ("laravel_respond exit", {}), ("laravel_terminate entry", {}),
     ("laravel_middleware_terminate entry", {"Middleware": "App\\Http\\Middleware\\StampResponse"}),
-    ("laravel_middleware_terminate exit", {}),
-    ("laravel_terminate exit", {}),
+    ("laravel_middleware_terminate exit", {}), ("laravel_terminate exit", {}),
 ]
 
 
 @unittest.skipUnless(os.path.exists(laravel_app.DEBIAN_FRAMEWORK), "php-laravel-framework is not installed")
 class Laravel8Case(unittest.TestCase):
-    """The application of laravel/app8 on Debian's Laravel 8, through nginx +
-    php-fpm (one worker, opcache on), with our Composer-shaped loader."""
+    """laravel/app8 on Debian's Laravel 8 through nginx + php-fpm (one worker, opcache on), our Composer-shaped loader."""
 
     @classmethod
     def setUpClass(cls):
@@ -250,8 +227,7 @@ class Laravel8Case(unittest.TestCase):
     def trace(self, path):
         response = harness.curl(self.server.url(path))
         task = response.header("X-Trace")[2:42]
-        # Laravel terminates after the response went out: wait for the
-        # request's own exit event.
+        # Laravel terminates after the response went out: wait for the request's own exit event.
         deadline = time.time() + 5
         while True:
             events = self.server.traces.by_task(task)
@@ -279,8 +255,7 @@ class Laravel8Case(unittest.TestCase):
     def test_fatal_error_in_controller(self):
         response, events = self.trace("/fatal")
         self.assertEqual(500, response.status)
-        # Laravel's shutdown handler reports and renders the error; what the
-        # fatal error left open is reported at request end.
+        # Laravel's shutdown handler reports and renders the error; what it left open is reported at request end.
         self.assertIn("Allowed memory size", first(events, "laravel", "error")["ErrorMsg"])
         self.assertEqual([("laravel", "error", "Unclosed span 'laravel_controller_execute'"),
                           ("laravel_controller_execute", "exit", None),

@@ -1,19 +1,10 @@
-"""Outbound HTTP through real servers: service A (nginx + php-fpm) calls
-service B (another nginx + php-fpm) with curl_exec, file_get_contents and
-fopen, and the events of both hosts join into one trace:
-
-    A entry -> A's cURL / php_http entry -> B entry (Edge) ... B exit,
-    whose id comes back in B's response -> A's cURL / php_http exit (Edge)
-
-Hostile answers come from a raw loopback server of this file; for them A runs
-under the CLI with and without the agent, and the application's output
-(result, warnings, response headers) must be the same.
-"""
+"""Outbound HTTP: service A (nginx + php-fpm) calls service B (another one) with curl_exec, file_get_contents and
+fopen, and both hosts' events join into one trace (A entry -> A's span entry -> B entry ... B exit, whose id comes
+back in the response -> A's span exit). Against a raw hostile server A runs under the CLI with and without the agent:
+the application's output must be the same."""
 import os
 import socket
 import socketserver
-import subprocess
-import tempfile
 import threading
 import time
 import unittest
@@ -28,21 +19,6 @@ CALL = os.path.join(harness.WWW, "call.php")
 VIAS = {"curl": "cURL", "fgc": "php_http", "fopen": "php_http"}
 
 
-def curl_ini(php):
-    """cURL for a PHP that has it as a shared module (-n loads nothing)."""
-    directory = subprocess.run([php.cli, "-n", "-r", "echo PHP_EXTENSION_DIR;"],
-                               capture_output=True, text=True).stdout
-    return {"extension": "curl"} if os.path.exists(os.path.join(directory, "curl.so")) else {}
-
-
-def call_path(mark, via, to, case=""):
-    return "/call.php?" + urllib.parse.urlencode({"m": mark, "via": via, "to": to, "case": case})
-
-
-def with_credentials(url):
-    return url.replace("http://", "http://user:secret@", 1)
-
-
 class TwoServices(ServerCase):
     """A (this class's server, with INI) and B (sampled, agent loaded)."""
 
@@ -53,10 +29,9 @@ class TwoServices(ServerCase):
         php = harness.CURRENT_PHP
         if php.fpm is None:
             raise unittest.SkipTest("no php-fpm for this PHP build")
-        cls.INI = dict(curl_ini(php), **cls.INI)
+        cls.INI = dict(harness.shared_modules(php, ("curl",)), **cls.INI)
         super().setUpClass()
-        cls.remote = harness.FpmServer(php, {})
-        cls.remote.start()
+        cls.remote = harness.FpmServer(php, {}).start()
 
     @classmethod
     def tearDownClass(cls):
@@ -69,7 +44,8 @@ class TwoServices(ServerCase):
     def call(self, via, case=""):
         mark = marker()
         to = self.remote.url("/remote.php?m=" + mark)
-        r = self.get(call_path(mark, via, with_credentials(to), case))
+        credentials = to.replace("http://", "http://user:secret@", 1)
+        r = self.get("/call.php?" + urllib.parse.urlencode({"m": mark, "via": via, "to": credentials, "case": case}))
         self.assertEqual(200, r.status, r.body)
         return mark, to, r
 
@@ -78,9 +54,8 @@ class Joined(TwoServices):
     INI = {}
 
     def layer_events(self, task, layer):
-        events = self.server.traces.by_task(task)
-        return ([e for e in events if e.get("Layer") == layer and e["Label"] == "entry"],
-                [e for e in events if e.get("Layer") == layer and e["Label"] == "exit"])
+        return [[e for e in self.server.traces.by_task(task) if e.get("Layer") == layer and e["Label"] == label]
+                for label in ("entry", "exit")]
 
     def test_one_trace_spans_both_services(self):
         for via, layer in VIAS.items():
@@ -94,8 +69,7 @@ class Joined(TwoServices):
                 a_exit = self.layer_events(task, "PHP")[1][0]
                 self.assertEqual((1, 1), (len(entries), len(exits)))
                 self.assertEqual((task, task), (task_of(b_entry["X-Trace"]), task_of(b_exit["X-Trace"])))
-                # B got the id of A's span entry (and the application's own
-                # header, where it set one).
+                # B got the id of A's span entry (and the application's own header, where it set one).
                 accept = "a/b" if via == "curl" else "-"
                 self.assertIn(("got:%s accept:%s" % (entries[0]["X-Trace"], accept)).encode(), r.body)
                 self.assertEqual(op_of(entries[0]["X-Trace"]), b_entry["Edge"])
@@ -147,8 +121,7 @@ class UnsampledCaller(TwoServices):
 
 
 class Hostile(socketserver.ThreadingTCPServer):
-    """Canned raw answers by path. X-Trace lines that should count are made
-    from the task of the request's own X-Trace."""
+    """Canned raw answers by path; X-Trace lines that should count use the task of the request's own X-Trace."""
 
     daemon_threads = True
     allow_reuse_address = True
@@ -203,13 +176,12 @@ class HostileHandler(socketserver.StreamRequestHandler):
 
 
 class HostileAnswers(unittest.TestCase):
-    """A under the CLI (traced) against the raw server, with and without the
-    agent: same output; the events say what happened."""
+    """A under the CLI against the raw server, with and without the agent: same output; events say what happened."""
 
     @classmethod
     def setUpClass(cls):
         cls.php = harness.CURRENT_PHP
-        cls.ini = curl_ini(cls.php)
+        cls.ini = harness.shared_modules(cls.php, ("curl",))
         cls.hostile = Hostile()
         threading.Thread(target=cls.hostile.serve_forever, daemon=True).start()
         with socket.socket() as sock:
@@ -222,13 +194,9 @@ class HostileAnswers(unittest.TestCase):
         cls.hostile.server_close()
 
     def run_a(self, query, agent):
-        directory = tempfile.mkdtemp(prefix="corvidine-it-http-")
-        traces = harness.Traces(directory)
-        env = dict(os.environ, CORVIDINE_REPORTER="file", CORVIDINE_COLLECTOR=traces.prefix)
         ini = dict(self.ini, **{"corvidine.enable_cli": "1"})
-        command = [self.php.cli] + self.php.ini_args(ini, os.path.join(directory, "php.log"), agent)
-        result = subprocess.run(command + [CALL, query], env=env, capture_output=True, timeout=30)
-        return result.stdout, traces.events(), directory
+        result, traces, _ = harness.run_cli(self.php, CALL, ini, args=[query], load_module=agent)
+        return result.stdout, traces.events()
 
     def test_same_result_and_events_say_what_happened(self):
         closed = "http://127.0.0.1:%d/" % self.closed_port
@@ -242,8 +210,8 @@ class HostileAnswers(unittest.TestCase):
                 with self.subTest(target=target, via=via):
                     url = target if target.startswith("http") else self.hostile.url(target)
                     query = urllib.parse.urlencode({"via": via, "to": url, "timeout": timeout})
-                    plain, _, _ = self.run_a(query, False)
-                    traced, events, _ = self.run_a(query, True)
+                    plain, _ = self.run_a(query, False)
+                    traced, events = self.run_a(query, True)
                     self.assertTrue(plain == traced, "with the agent:\n%r\nwithout:\n%r" % (traced[:400], plain[:400]))
                     self.assertNotIn(b"Fatal", traced)
                     exits = [e for e in events if e.get("Layer") == layer and e["Label"] == "exit"]
@@ -274,8 +242,8 @@ class HostileAnswers(unittest.TestCase):
         for case, methods, expected in cases:
             with self.subTest(case=case):
                 query = urllib.parse.urlencode({"via": "curl", "to": self.hostile.url("/echo"), "case": case})
-                plain, _, _ = self.run_a(query, False)
-                traced, events, _ = self.run_a(query, True)
+                plain, _ = self.run_a(query, False)
+                traced, events = self.run_a(query, True)
                 self.assertEqual(plain, traced)
                 self.assertIn(expected, traced)
                 exits = [e for e in events if e.get("Layer") == "cURL" and e["Label"] == "exit"]

@@ -172,7 +172,7 @@ class ThreadedServer(unittest.TestCase):
                 server.stop()
         self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
         by_task = collections.defaultdict(list)
-        for event in harness.decode_documents(traces):
+        for event in harness.bson_tools.decode_file(traces):
             if "Label" in event and not event.get("__Init"):
                 by_task[event["X-Trace"][2:42]].append(event)
         by_url = {e["URL"]: events for events in by_task.values() for e in events

@@ -1,7 +1,5 @@
-// The Collector reporter's pure parts and its life without a Collector:
-// the bounded queues, option checks, the settings merge, the keys pushed
-// with the settings, host facts. Delivery to a Collector is checked through
-// php-fpm in tests/integration (test_collector_reporter.py).
+// The Collector reporter without a Collector: bounded queues, option checks, the settings merge, pushed keys, host
+// facts. Delivery to a Collector is checked through php-fpm in tests/integration.
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -39,14 +37,19 @@ std::string raw(int32_t i) { return std::string(reinterpret_cast<const char *>(&
 wire::VeskSetting setting(int type, const std::string &layer, int64_t value, const std::string &flags = "SAMPLE_START",
                           int64_t ttl = 120) {
     wire::VeskSetting s;
-    s.type = type;
-    s.layer = layer;
-    s.value = value;
-    s.flags = flags;
-    s.ttl = ttl;
-    s.arguments["BucketCapacity"] = raw(8.0);
-    s.arguments["BucketRate"] = raw(2.0);
+    s.type = type, s.layer = layer, s.value = value, s.flags = flags, s.ttl = ttl;
+    s.arguments = {{"BucketCapacity", raw(8.0)}, {"BucketRate", raw(2.0)}};
     return s;
+}
+
+// A temporary file holding text; the caller unlinks it.
+std::string temp_file(const std::string &text) {
+    char path[] = "/tmp/corvidine-test-XXXXXX";
+    int fd = mkstemp(path);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(static_cast<ssize_t>(text.size()), write(fd, text.data(), text.size()));
+    close(fd);
+    return path;
 }
 
 std::vector<vesk_settings_t> table(VeskSettingsManager2 &m) {
@@ -114,10 +117,7 @@ TEST(RingBuffer, ManyProducersOneConsumerLoseNothingBelowTheBound) {
 }
 
 TEST(SslReporterOptions, CollectorAddressAndDisplayKey) {
-    struct {
-        const char *text, *host;
-        int port;
-    } addresses[] = {
+    struct { const char *text, *host; int port; } addresses[] = {
         {"https://collector-host:1234/path", "collector-host", 1234},
         {"collector-host:80?x=1", "collector-host", 80},
         {"collector-host", "collector-host", 443},
@@ -132,10 +132,9 @@ TEST(SslReporterOptions, CollectorAddressAndDisplayKey) {
         EXPECT_EQ(a.host, host) << a.text;
         EXPECT_EQ(a.port, port) << a.text;
     }
-    std::string longHost(150, 'h');
     std::string host;
     int port;
-    parseCollectorAddress(longHost.c_str(), host, port);
+    parseCollectorAddress(std::string(150, 'h').c_str(), host, port);
     EXPECT_EQ(99u, host.size());
 
     EXPECT_EQ("abcd...wxyz:service", displayServiceKey("abcdefghijklmnopqrstuvwxyz:service"));
@@ -148,10 +147,7 @@ TEST(SslReporterOptions, ChecksQueueSizesAndReturnCodes) {
     ASSERT_TRUE(kNoCloud);
     vesk_ensure_init();  // its one-time set-up resets the log's callbacks
     LogCapture log;
-    struct {
-        int bufferSize;
-        uint64_t events, status;
-    } sizes[] = {{-1, 10000, 1000}, {0, 2, 2}, {1, 10, 2}, {5000, 10000, 5000}, {-7, 10000, 1000}};
+    struct { int bufferSize; uint64_t events, status; } sizes[] = {{-1, 10000, 1000}, {0, 2, 2}, {1, 10, 2}, {5000, 10000, 5000}, {-7, 10000, 1000}};
     for (const auto &s : sizes) {
         vesk_init_options_t o = corvidine_test::init_options("ssl", "127.0.0.1:1");
         o.buffer_size = s.bufferSize;
@@ -170,19 +166,14 @@ TEST(SslReporterOptions, ChecksQueueSizesAndReturnCodes) {
     EXPECT_TRUE(log.contains("Buffer size '-7' not valid - using default 1000"));
     EXPECT_TRUE(log.contains("EC2 metadata timeout '3001' exceeds max value of 3000 - using default 1000"));
 
-    // A trust file that holds no certificate refuses the reporter, and no
-    // thread is left behind.
-    char path[] = "/tmp/corvidine-trust-XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(5, write(fd, "junk\n", 5));
-    close(fd);
+    // A trust file that holds no certificate refuses the reporter, and no thread is left behind.
+    const std::string path = temp_file("junk\n");
     vesk_init_options_t o = corvidine_test::init_options("ssl", "127.0.0.1:1");
-    o.trusted_path = path;
+    o.trusted_path = path.c_str();
     vesk_reporter_t table;
     EXPECT_EQ(VESK_SSL_INIT_TRUST, vesk_reporter_init_ssl(&table, &o));
     EXPECT_EQ(nullptr, table.context);
-    unlink(path);
+    unlink(path.c_str());
 }
 
 TEST(SslReporter, QueuesRefuseBeforeOverflowAndFlushGivesUpWithoutCollector) {
@@ -210,9 +201,7 @@ TEST(SslReporter, KeysPushedWithTheSettings) {
     c.maxTransactions = 77;
     c.eventsFlushInterval = 3;
     vesk_ssl_reporter r(nullptr, c);
-    struct {
-        int32_t flushInterval, expected;
-    } intervals[] = {{1, 1}, {5, 5}, {30, 30}, {120, 120}, {7, 60}, {90, 60}, {0, 60}, {-60, 60}};
+    struct { int32_t flushInterval, expected; } intervals[] = {{1, 1}, {5, 5}, {30, 30}, {120, 120}, {7, 60}, {90, 60}, {0, 60}, {-60, 60}};
     for (const auto &i : intervals) {
         r.processRemoteConfig({{"MetricsFlushInterval", raw(i.flushInterval)}});
         EXPECT_EQ(i.expected, r.getMetricsFlushInterval()) << i.flushInterval;
@@ -293,22 +282,16 @@ TEST_F(SettingsMerge, ExpiredRecordsAreDeleted) {
 
 TEST(HostId, ContainerIdAndRefreshInterval) {
     const std::string id(64, 'a'), bad = std::string(63, 'a') + "g";
-    struct {
-        std::string lines, expected;
-    } cases[] = {
+    struct { std::string lines, expected; } cases[] = {
         {"12:cpu:/docker/" + id + "\n", id},
         {"1:name=x:/kubepods/pod1/" + bad + "\n", ""},
         {"1:x:/kubepods/" + bad + "\n2:y:/ecs/task/" + id + "\n", id},
         {"0::/user.slice/" + id + "\n", ""},
     };
     for (const auto &c : cases) {
-        char path[] = "/tmp/corvidine-cgroup-XXXXXX";
-        int fd = mkstemp(path);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(static_cast<ssize_t>(c.lines.size()), write(fd, c.lines.data(), c.lines.size()));
-        close(fd);
-        EXPECT_EQ(c.expected, containerIdFromCgroup(path)) << c.lines;
-        unlink(path);
+        const std::string path = temp_file(c.lines);
+        EXPECT_EQ(c.expected, containerIdFromCgroup(path.c_str())) << c.lines;
+        unlink(path.c_str());
     }
     int next = getRefreshHostIdNextInterval();
     EXPECT_GE(next, 1);
@@ -356,8 +339,7 @@ TEST(HostId, MetadataFetchKeepsItsTimeouts) {
     EXPECT_EQ("", httpGetLines("not-an-address:80", "/x", 300, 300));  // never a name lookup
 }
 
-// A forked child inherits the reporter without its threads: destroy there
-// neither flushes nor joins, it only closes the inherited sockets.
+// A forked child inherits the reporter without its threads: destroy there only closes the inherited sockets.
 TEST(SslReporter, DestroyInAForkedChildOnlyClosesSockets) {
     vesk_init_options_t o = corvidine_test::init_options("ssl", "127.0.0.1:1");
     o.max_flush_wait_time = 1000;

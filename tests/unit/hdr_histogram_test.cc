@@ -1,7 +1,5 @@
-// HDR histogram and its log encoding: random value sets at every precision
-// against the sorted values themselves, the bounds, the round trip, and
-// damaged encodings. (Readers we did not write check the encoding in
-// tests/wire.)
+// HDR histogram and its log encoding: random value sets at every precision against the sorted values, the bounds,
+// the round trip, damaged encodings (readers we did not write check the encoding in tests/wire).
 #include <gtest/gtest.h>
 #include <zlib.h>
 
@@ -54,17 +52,10 @@ std::vector<int64_t> random_values(std::mt19937_64 &rng, size_t n) {
     return v;
 }
 
-int64_t pow10(int n) {
-    int64_t p = 1;
-    while (n-- > 0) p *= 10;
-    return p;
-}
+int64_t pow10(int n) { return n > 0 ? 10 * pow10(n - 1) : 1; }
 
 TEST(HdrHistogram, InitRefusesBadParameters) {
-    struct {
-        int64_t lowest, highest;
-        int figures;
-    } bad[] = {{0, 100, 2}, {1, 100, 0}, {1, 100, 6}, {10, 19, 2}, {-1, 100, 2}, {INT64_MAX / 2 + 1, INT64_MAX, 2}};
+    struct { int64_t lowest, highest; int figures; } bad[] = {{0, 100, 2}, {1, 100, 0}, {1, 100, 6}, {10, 19, 2}, {-1, 100, 2}, {INT64_MAX / 2 + 1, INT64_MAX, 2}};
     for (const auto &b : bad) {
         hdr_histogram *h = nullptr;
         EXPECT_EQ(EINVAL, hdr_init(b.lowest, b.highest, b.figures, &h)) << b.lowest << " " << b.highest;
@@ -72,8 +63,8 @@ TEST(HdrHistogram, InitRefusesBadParameters) {
     }
 }
 
-// Every value lands in a slot that holds it, no wider than the precision
-// allows, and min, max, total and percentiles agree with the sorted values.
+// Every value lands in a slot that holds it, no wider than the precision allows; min, max, total and percentiles
+// agree with the sorted values.
 TEST(HdrHistogram, RandomValueSetsAtEveryPrecision) {
     std::mt19937_64 rng(17);
     for (int figures = 1; figures <= 5; ++figures) {
@@ -116,8 +107,7 @@ TEST(HdrHistogram, OnlyValuesWithinTheBoundsCount) {
     EXPECT_GE(hdr_max(h.get()), HDR_HIGHEST_TRACKABLE_VALUE);
 }
 
-// encode → decode → encode gives the same text, the same counts and the same
-// queries; an emptied histogram encodes like a new one.
+// encode → decode → encode: same text, counts and queries; an emptied histogram encodes like a new one.
 TEST(HdrHistogram, EncodingRoundTripsExactly) {
     std::mt19937_64 rng(5);
     for (int figures = 1; figures <= 5; ++figures) {
@@ -177,14 +167,9 @@ TEST(HdrHistogram, DamagedEncodingsAreRefused) {
     const std::string good = encode(h.get());
     const std::string ok_payload("\x02\x7f\x04", 3);  // count 1, a run of 64 zeros, count 2
     ASSERT_TRUE(decode(record(HDR_V2_ENCODING_COOKIE, 3, 2, ok_payload)));
-    struct {
-        std::string text;
-        int code;
-    } cases[] = {
-        {good.substr(0, good.size() - 1), HDR_LOG_INVALID_BASE64},
-        {"AAAA*AAA", HDR_LOG_INVALID_BASE64},
-        {"AA=A", HDR_LOG_INVALID_BASE64},
-        {"", HDR_LOG_COMPRESSED_COOKIE},
+    struct { std::string text; int code; } cases[] = {
+        {good.substr(0, good.size() - 1), HDR_LOG_INVALID_BASE64}, {"AAAA*AAA", HDR_LOG_INVALID_BASE64},
+        {"AA=A", HDR_LOG_INVALID_BASE64}, {"", HDR_LOG_COMPRESSED_COOKIE},
         {record(HDR_V2_ENCODING_COOKIE, 3, 2, ok_payload, HDR_V2_ENCODING_COOKIE), HDR_LOG_COMPRESSED_COOKIE},
         {base64(be32(HDR_V2_COMPRESSED_COOKIE) + be32(4096) + "zzzz"), HDR_LOG_COMPRESSED_COOKIE},
         {base64(be32(HDR_V2_COMPRESSED_COOKIE) + be32(4) + "zzzz"), HDR_LOG_INFLATE_FAILED},

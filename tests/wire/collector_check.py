@@ -1,8 +1,6 @@
 #!/usr/bin/python3
-"""The agent's Collector connection (build/collector_probe) against the test
-Collector of tools/collector, which decodes every call with its own
-Thrift code: TLS trust and names, protocol versions, scripted answers,
-redirects, bad replies, and closing sockets in a forked child."""
+"""The agent's Collector connection (build/collector_probe) against the test Collector (its own Thrift decoder): TLS
+trust and names, protocol versions, scripted answers, redirects, bad replies, closing sockets in a forked child."""
 import os
 import ssl
 import subprocess
@@ -46,8 +44,7 @@ def main():
     docs = [bson.encode({"Label": "entry", "Layer": "php"}), bson.encode({"Label": "exit", "n": 2})]
     checks = []
 
-    # A verified handshake (TLS 1.3 offered and taken), every method, the
-    # arguments as the Collector decodes them.
+    # A verified handshake (TLS 1.3 offered and taken), every method, the arguments as the Collector decodes them.
     with Collector(tls=server_context(good)) as c:
         c.script("getSettings", "SETTINGS_FIELD6")
         out, _ = probe(c.port, trust, "connect", "postEvents:" + ",".join(d.hex() for d in docs),
@@ -81,8 +78,7 @@ def main():
                            ciphers="DEFAULT:@SECLEVEL=0"), trust, "alert protocol version")
     checks.append("TLS versions")
 
-    # The certificate must chain to our trust file, be valid now, and name
-    # the host we asked for: as a DNS name, or as an address for an address.
+    # The certificate must chain to our trust file, be valid now, and name the host asked for (DNS name or address).
     refused(server_context(stranger.server("stranger")), trust, "unable to get local issuer certificate")
     refused(server_context(ca.server("expired", expired=True)), trust, "certificate has expired")
     refused(server_context(ca.server("other", dns=("other.example",), ips=())), trust, "hostname mismatch")
@@ -92,8 +88,7 @@ def main():
         assert out == ["connect ok response=1"], out
     checks.append("peer names and chain")
 
-    # Trust: a garbage trust file fails set-up; a missing one falls back to
-    # the system's store (here pointed at our CA through SSL_CERT_FILE).
+    # A garbage trust file fails set-up; a missing one falls back to the system's store (our CA via SSL_CERT_FILE).
     garbage = os.path.join(tmp, "garbage.pem")
     with open(garbage, "w") as f:
         f.write("-----BEGIN CERTIFICATE-----\nnot base64\n-----END CERTIFICATE-----\n")
@@ -107,9 +102,7 @@ def main():
         assert out == ["connect failed response=5"], out
     checks.append("trust file and system store")
 
-    # Servers that are not Collectors: plain TCP, and one that accepts and
-    # never speaks (bounded by the receive timeout), and a Collector that
-    # never answers the ping.
+    # Not Collectors: plain TCP, one that accepts and never speaks (receive timeout), one that never answers the ping.
     refused(None, trust, "failed to connect: SSL_connect:")
     with Collector(silent=True) as c:
         start = time.monotonic()
@@ -133,8 +126,7 @@ def main():
         stalled.wait()
     checks.append("non-Collectors refused or timed out")
 
-    # The ping's answer sets server_response; REDIRECT and unknown codes
-    # leave it, and the connection stays up whatever the answer.
+    # The ping's answer sets server_response (REDIRECT and unknown codes leave it); the connection stays up.
     with Collector(tls=server_context(good)) as c:
         c.script("ping", "OK", "TRY_LATER", "REDIRECT 127.0.0.1:1", "LIMIT_EXCEEDED", "INVALID_API_KEY", "CODE 9")
         out, _ = probe(c.port, trust, *["connect"] * 6)
@@ -143,8 +135,7 @@ def main():
         assert all(line.startswith("connect ok") for line in out), out
     checks.append("ping answers to server_response")
 
-    # A REDIRECT on a post moves the target; the next connects of both
-    # links (made at once, on two threads) go there.
+    # A REDIRECT on a post moves the target; the next connects of both links (at once, on two threads) go there.
     with Collector(tls=server_context(good)) as first, Collector(tls=server_context(good)) as second:
         first.script("postEvents", "REDIRECT localhost:%d" % second.port)
         out, _ = probe(first.port, trust, "connect", "postEvents:" + docs[0].hex(), "redirect", "connect-both",
@@ -157,10 +148,8 @@ def main():
         assert len({c["conn"] for c in second.calls_of("ping")}) == 2, second.calls
     checks.append("redirect followed")
 
-    # Bad replies: each call fails cleanly, and the next connect works.
-    # Memory stays bounded through a zlib bomb. A reply for another method
-    # is skipped and the client waits on for its own, up to the receive
-    # timeout.
+    # Bad replies: each call fails cleanly and the next connect works; memory stays bounded through a zlib bomb; a
+    # reply for another method is skipped and the client waits for its own up to the receive timeout.
     bad = [("TRUNCATE", "postEvents error:"), ("GARBAGE", "postEvents error: zlib error"),
            ("HUGE_STRING", "postEvents error: TProtocolException: Exceeded size limit"),
            ("ZLIB_BOMB", "postEvents error: Collector reply longer than 16777216 bytes"),
@@ -169,9 +158,7 @@ def main():
     with Collector(tls=server_context(good)) as c:
         c.script("postEvents", *[reply for reply, _ in bad])
         c.script("getSettings", "HUGE_LIST")
-        steps = []
-        for _ in bad:
-            steps += ["connect", "postEvents:" + docs[0].hex()]
+        steps = ["connect", "postEvents:" + docs[0].hex()] * len(bad)
         out, _ = probe(c.port, trust, *steps, "connect", "getSettings", "connect", "ping", "maxrss", recv=2000)
         for i, (reply, expected) in enumerate(bad):
             assert out[2 * i] == "connect ok response=1", (reply, out)
@@ -182,8 +169,7 @@ def main():
         assert int(tail[4].split("=")[1]) < 64 * 1024, tail  # kilobytes: far below the bomb's 40 MB
     checks.append("bad replies dropped cleanly")
 
-    # A forked child closes its inherited sockets without a TLS shutdown:
-    # the parent's session goes on.
+    # A forked child closes its inherited sockets without a TLS shutdown: the parent's session goes on.
     with Collector(tls=server_context(good)) as c:
         out, _ = probe(c.port, trust, "connect", "fork-closeSockets", "ping", "close")
         assert out == ["connect ok response=1", "child closeSockets rc=0", "child exit=0", "ping result=0 arg=",

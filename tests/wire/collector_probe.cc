@@ -1,10 +1,6 @@
-// Drives one Collector connection step by step for collector_check.py:
-//   collector_probe HOST PORT TRUSTFILE APIKEY [recv=MS] STEP...
-// Steps: connect, connect-both (the event and the metric link at once, on
-// two threads), ping, postEvents:HEX,HEX.. (also postMetrics, postStatus),
-// getSettings, redirect (follow the last answer's arg), close,
-// fork-closeSockets, maxrss. One line per step on stdout; the debug log
-// (level low) goes to stderr.
+// Drives one Collector connection step by step for collector_check.py (one line per step on stdout, debug log on
+// stderr): collector_probe HOST PORT TRUSTFILE APIKEY [recv=MS] STEP... with steps connect, connect-both (both links
+// at once), ping, postEvents|postMetrics|postStatus:HEX,HEX.., getSettings, redirect, close, fork-closeSockets, maxrss.
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -13,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,23 +28,14 @@ static std::string unhex(const std::string &text) {
 
 static std::string hex(const std::string &bytes) {
     std::string out;
-    char two[3];
-    for (unsigned char c : bytes) {
-        snprintf(two, sizeof two, "%02x", c);
-        out += two;
-    }
+    for (unsigned char c : bytes) out += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
     return out;
 }
 
 static std::vector<std::string> documents(const std::string &list) {
     std::vector<std::string> out;
-    size_t start = 0;
-    while (start < list.size()) {
-        size_t comma = list.find(',', start);
-        if (comma == std::string::npos) comma = list.size();
-        out.push_back(unhex(list.substr(start, comma - start)));
-        start = comma + 1;
-    }
+    std::istringstream in(list);
+    for (std::string item; std::getline(in, item, ',');) out.push_back(unhex(item));
     return out;
 }
 

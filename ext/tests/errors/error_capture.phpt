@@ -55,86 +55,68 @@ foreach ($cases as $name => [$code, $ini]) {
                  isset($e['Backtrace']) ? ' +backtrace' : '', ' ', $e['Layer'], ' ', $e['Spec'], ': ', $clean($e['ErrorMsg']), "\n";
         }
     }
-    echo rq_event($r, 'exit') !== null ? "exit event\n" : ($r['events'] ? "NO EXIT EVENT\n" : ''), $clean(trim($r['err'] . $r['out'])), "\n";
+    echo rq_event($r, 'exit') === null && $r['events'] ? "NO EXIT EVENT\n" : '', $clean(trim($r['err'] . $r['out'])), "\n";
 }
 ?>
 --EXPECT--
 -- warning
 event: WARNING E_WARNING 4 +backtrace PHP error: PHP Warning:  Undefined array key 1 in FILE on line 2
-exit event
 Warning: Undefined array key 1 in FILE on line 2
 -- @warning
-exit event
 
 -- @warning, report_suppressed_errors
 event: WARNING E_WARNING 4 suppressed=1 +backtrace PHP error: PHP Warning:  Undefined array key 1 in FILE on line 2
-exit event
 
 -- warning, report_suppressed_errors
 event: WARNING E_WARNING 4 suppressed=1 +backtrace PHP error: PHP Warning:  Undefined array key 1 in FILE on line 2
-exit event
 Warning: Undefined array key 1 in FILE on line 2
 -- notice
-exit event
 Notice: unserialize(): Error at offset 0 of 2 bytes in FILE on line 2
 -- notice, use_error_reporting
 event: NOTICE E_NOTICE 5 +backtrace PHP error: PHP Notice:  unserialize(): Error at offset 0 of 2 bytes in FILE on line 2
-exit event
 Notice: unserialize(): Error at offset 0 of 2 bytes in FILE on line 2
 -- notice, use_error_reporting, error_reporting without it
-exit event
 
 -- warning, use_error_reporting, error_reporting 0
-exit event
 
 -- @warning, use_error_reporting, report_suppressed_errors
 event: WARNING E_WARNING 4 suppressed=1 +backtrace PHP error: PHP Warning:  Undefined array key 1 in FILE on line 2
-exit event
 
 -- deprecated
-exit event
 Deprecated: Function utf8_encode() is deprecated in FILE on line 2
 -- deprecated, use_error_reporting
 event: DEPRECATED E_DEPRECATED 6 +backtrace PHP error: PHP Deprecated:  Function utf8_encode() is deprecated in FILE on line 2
-exit event
 Deprecated: Function utf8_encode() is deprecated in FILE on line 2
 -- user warning, notice, deprecated
 event: WARNING E_USER_WARNING 4 +backtrace PHP error: PHP Warning:  w in FILE on line 2
-exit event
 Warning: w in FILE on line 2
 Notice: n in FILE on line 2
 Deprecated: d in FILE on line 2
 -- user notice, deprecated, use_error_reporting
 event: NOTICE E_USER_NOTICE 5 +backtrace PHP error: PHP Notice:  n in FILE on line 2
 event: DEPRECATED E_USER_DEPRECATED 6 +backtrace PHP error: PHP Deprecated:  d in FILE on line 2
-exit event
 Notice: n in FILE on line 2
 Deprecated: d in FILE on line 2
 -- user error
 event: ERROR E_USER_ERROR 3 +backtrace PHP error: PHP Fatal error:  stop in FILE on line 2
-exit event
 Fatal error: stop in FILE on line 2
 -- uncaught exception
 event: ERROR E_ERROR 3 PHP error: PHP Fatal error:  Uncaught RuntimeException: boom in FILE:2
 Stack trace:
 #0 {main}
   thrown in FILE on line 2
-exit event
 Fatal error: Uncaught RuntimeException: boom in FILE:2
 Stack trace:
 #0 {main}
   thrown in FILE on line 2
 -- parse error
 event: PARSE E_PARSE 2 PHP error: PHP Parse error:  Unclosed '(' on line 2 in FILE on line 3
-exit event
 Parse error: Unclosed '(' on line 2 in FILE on line 3
 -- compile error
 event: ERROR E_COMPILE_ERROR 3 +backtrace PHP error: PHP Fatal error:  'break' not in the 'loop' or 'switch' context in FILE on line 2
-exit event
 Fatal error: 'break' not in the 'loop' or 'switch' context in FILE on line 2
 -- compile warning
 event: WARNING E_COMPILE_WARNING 4 +backtrace PHP error: PHP Warning:  Unsupported declare 'foo' in FILE on line 2
-exit event
 Warning: Unsupported declare 'foo' in FILE on line 2
 -- fatal error at request end
 event: ERROR E_ERROR 3 PHP error: PHP Fatal error:  Uncaught Error: Call to undefined function undefined_function() in FILE:2
@@ -142,27 +124,21 @@ Stack trace:
 #0 [internal function]: {closure}()
 #1 {main}
   thrown in FILE on line 2
-exit event
 Fatal error: Uncaught Error: Call to undefined function undefined_function() in FILE:2
 Stack trace:
 #0 [internal function]: {closure}()
 #1 {main}
   thrown in FILE on line 2
 -- handled by set_error_handler
-exit event
 
 -- enable_error_callback off at module start: no hook
-exit event
 Warning: Undefined array key 1 in FILE on line 2
 -- enable_error_callback off at run time
-exit event
 Warning: Undefined array key 1 in FILE on line 2
 -- log trace id, "%" kept
 event: WARNING E_USER_WARNING 4 +backtrace PHP error: PHP Warning:  100% %s %d sure in FILE on line 2
-exit event
 Warning: 100% %s %d sure [zq.traceId=TASK-1] in FILE on line 2
 -- @warning, log trace id
-exit event
 Undefined array key 1 [zq.traceId=TASK-1]
 -- unsampled, log trace id
 Warning: Undefined array key 1 [zq.traceId=ID-0] in FILE on line 2

@@ -33,8 +33,7 @@ echo "profile: ", $pentry['Label'], " ... ", end($r['profile'])['Label'], ", int
 echo "same trace, chained: ", var_export(pf_chained($r['profile'], substr($entry['X-Trace'], 2, 40)), true), "\n";
 echo "SpanRef is the entry event: ", var_export($pentry['SpanRef'] === substr($entry['X-Trace'], 42, 16), true), "\n";
 
-/* Ticks of each phase against its duration: the clock's 20 ms, with a
- * tolerance for a loaded machine (a late clock thread skips ticks). */
+/* Ticks of each phase against its duration in 20 ms ticks (a late clock thread on a loaded machine skips some). */
 $match = [
     'spin' => fn($f) => end($f) === 'spin' && !in_array('deep', $f, true) && !in_array('calibrate', $f, true),
     'nap' => fn($f) => array_slice($f, -2) === ['nap', 'usleep'],

@@ -6,21 +6,12 @@ corvidine
 <?php
 require __DIR__ . '/profiler.inc';
 
-/* The modules to load after ours: those this PHP has as shared objects
- * (the others are built in); null when one is missing. */
+/* The modules to load after ours (those not built in); null when one is missing. */
 function pf_modules(array $names): ?array
 {
-    $load = [];
-    foreach ($names as $name) {
-        if (extension_loaded($name)) {
-            continue;
-        }
-        if (!is_file(ini_get('extension_dir') . "/$name.so")) {
-            return null;
-        }
-        $load[] = $name;
-    }
-    return $load;
+    $load = array_values(array_filter($names, fn($name) => !extension_loaded($name)));
+    $missing = array_filter($load, fn($name) => !is_file(ini_get('extension_dir') . "/$name.so"));
+    return $missing ? null : $load;
 }
 
 $cases = [

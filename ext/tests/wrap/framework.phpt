@@ -8,10 +8,8 @@ corvidine
 <?php
 require __DIR__ . '/wrap.inc';
 
-// The test-only family wraps preg_match (by-reference $matches), json_decode,
-// ArrayObject::offsetGet (a user class extends it), ArrayIterator::offsetGet
-// (RecursiveArrayIterator, an internal subclass, copied it before this
-// module started) and ArrayIterator::seek (throws).
+// The test-only family wraps preg_match (by-reference $matches), json_decode, ArrayObject::offsetGet (a user class
+// extends it), ArrayIterator::offsetGet (copied by the internal RecursiveArrayIterator before we started), ::seek.
 $script = rq_script(<<<'PHP'
 <?php
 class Bag extends ArrayObject {}
@@ -33,8 +31,7 @@ $p = (new ReflectionFunction('preg_match'))->getParameters()[2];
 echo 'reflection: ', $p->getName(), $p->isPassedByReference() ? ' by reference' : ' by value', ', ',
      (new ReflectionMethod('Bag', 'offsetGet'))->getDeclaringClass()->getName(), "\n";
 echo 'calls: ', json_encode(corvidine_test_wrap_calls()), "\n";
-// The families this test knows (error_log, cURL, test-only): a PHP with the
-// database modules built in has theirs in the mask too.
+// The families this test knows (error_log, cURL, test-only); built-in database modules add theirs to the mask.
 $state = corvidine_test_wrap_state();
 $state['mask'] &= 7;
 echo 'state: ', json_encode($state), "\n";
@@ -53,11 +50,7 @@ foreach (wr_engines() as $engine => $engine_ini) {
         $out = preg_replace('/^jit: .*\n/m', '', $r['out']) . $r['err'];
         $entries = wr_events($r, 'test_wrap', 'entry');
         $exits = wr_events($r, 'test_wrap', 'exit');
-        $pairs = [];
-        foreach ($exits as $exit) {
-            $pairs[$exit['Function'] . ($exit['Exception'] === true ? ' (exception)' : '')] ??= 0;
-            $pairs[$exit['Function'] . ($exit['Exception'] === true ? ' (exception)' : '')]++;
-        }
+        $pairs = array_count_values(array_map(fn($e) => $e['Function'] . ($e['Exception'] === true ? ' (exception)' : ''), $exits));
         ksort($pairs);
         $out .= 'events: ' . count($entries) . ' entries, ' . count($exits) . ' exits ' . json_encode($pairs) . "\n";
         if (!isset($first[$case])) {

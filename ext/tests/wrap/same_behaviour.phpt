@@ -6,9 +6,8 @@ corvidine
 <?php
 require __DIR__ . '/wrap.inc';
 
-// Every wrapped function and method the child has, with arguments of wrong
-// count and type. Each call is written out (not called through a variable),
-// so that opcache and the JIT see a known function at every call site.
+// Every wrapped function with arguments of wrong count and type, each call written out (not through a variable) so
+// that opcache and the JIT see a known function at every call site.
 $curl = wr_curl_ini() !== [] || extension_loaded('curl');
 $any = ['', 'null', '"x"', '[]', 'new stdClass', '1.5', '1, 2, 3, 4, 5, 6, 7'];
 $table = [

@@ -1,6 +1,5 @@
 <?php
-// Failing and odd mysqli calls in each report mode; prints each result and
-// any exception, warnings shown as they come.
+// Failing and odd mysqli calls in each report mode: each result or exception, warnings as they come.
 function show(callable $call): void
 {
     try {

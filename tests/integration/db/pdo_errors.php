@@ -1,6 +1,5 @@
 <?php
-// Failing and odd PDO calls in every error mode; prints each result, the
-// error info and any exception, warnings shown as they come.
+// Failing and odd PDO calls in every error mode: each result, error info or exception, warnings as they come.
 function show(callable $call): void
 {
     try {

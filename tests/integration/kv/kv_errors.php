@@ -1,8 +1,6 @@
 <?php
-// What the application sees of phpredis, php-memcached and predis: results,
-// warnings and exceptions, with serializers and compression on, a server
-// that is down, one killed in the middle of a pipeline, huge values and
-// binary keys. Printed so that a run with the agent can be compared.
+// What the application sees of phpredis, php-memcached and predis (serializers, compression, a server down or killed
+// mid-pipeline, huge values, binary keys), printed to compare runs with and without the agent.
 $port = (int)getenv('REDIS_PORT');
 $down = (int)getenv('DOWN_PORT');
 function show($label, callable $call) {

@@ -1,20 +1,8 @@
 <?php
-// Calls another service as the test asks and prints what the application
-// sees: the result, its warnings, the response headers it was given.
-//   via  curl | fgc (file_get_contents) | fopen
-//   to   the URL
-//   case own (its own X-Trace line), hfn (its own cURL header callback),
-//        ctx_string / ctx_array (a context header, checked after the call);
-//        cURL only: patch, post (methods), copy (curl_copy_handle), reset,
-//        file (CURLOPT_WRITEHEADER), throw (a header callback that throws)
-//   timeout  seconds, for a slow server
-if (PHP_SAPI === 'cli') {
-    parse_str($argv[1] ?? '', $_GET);
-}
-set_error_handler(function ($type, $message) {
-    echo "warning: $message\n";
-    return true;
-});
+// Calls ?to= by ?via= (curl | fgc | fopen) with the application settings of ?case= (own X-Trace, hfn, ctx_string,
+// ctx_array; cURL only: patch, post, copy, reset, file, throw) and prints all the application sees.
+if (PHP_SAPI === 'cli') parse_str($argv[1] ?? '', $_GET);
+set_error_handler(function ($type, $message) { echo "warning: $message\n"; return true; });
 $via = $_GET['via'] ?? 'curl';
 $to = $_GET['to'];
 $case = $_GET['case'] ?? '';
@@ -36,8 +24,7 @@ if ($via === 'curl') {
         curl_setopt($ch, CURLOPT_HTTPHEADER, ['Accept: a/b']);
     }
     if ($case === 'patch') {
-        curl_setopt($ch, CURLOPT_POST, true);
-        curl_setopt($ch, CURLOPT_CUSTOMREQUEST, 'PATCH');
+        curl_setopt_array($ch, [CURLOPT_POST => true, CURLOPT_CUSTOMREQUEST => 'PATCH']);
     } elseif ($case === 'post') {
         curl_setopt($ch, CURLOPT_POSTFIELDS, 'a=1');
     } elseif ($case === 'copy') {
@@ -72,13 +59,8 @@ if ($via === 'curl') {
 }
 
 $http = ['timeout' => $timeout];
-if ($case === 'own') {
-    $http['header'] = "X-Trace: abc";
-} elseif ($case === 'ctx_string') {
-    $http['header'] = "Accept: a/b\r\n";
-} elseif ($case === 'ctx_array') {
-    $http['header'] = ['Accept: a/b', 'X-Other: 1'];
-}
+$header = ['own' => "X-Trace: abc", 'ctx_string' => "Accept: a/b\r\n", 'ctx_array' => ['Accept: a/b', 'X-Other: 1']];
+if (isset($header[$case])) $http['header'] = $header[$case];
 $context = stream_context_create(['http' => $http]);
 $before = stream_context_get_options($context);
 if ($via === 'fgc') {

@@ -1,11 +1,4 @@
 <?php
-// The called service of the outbound HTTP tests: answers with the X-Trace
-// request header it got ("-" for none), all of them when there are several,
-// and the Accept header the caller set.
-$seen = [];
-foreach (getallheaders() as $name => $value) {
-    if (strcasecmp($name, 'X-Trace') === 0) {
-        $seen[] = $value;
-    }
-}
+// The called service: answers with every X-Trace request header it got ("-" for none) and the caller's Accept.
+$seen = array_values(array_filter(getallheaders(), fn($name) => strcasecmp($name, 'X-Trace') === 0, ARRAY_FILTER_USE_KEY));
 echo "got:", $seen ? implode(',', $seen) : '-', " accept:", $_SERVER['HTTP_ACCEPT'] ?? '-', "\n";
