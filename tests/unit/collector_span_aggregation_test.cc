@@ -1,7 +1,5 @@
-// Span aggregation: spans in, measurements and histograms out (histograms
-// read back through the log codec), the transaction-name limit per
-// interval, request threads pushing while the metric thread aggregates, and
-// the reporter's table entries end to end.
+// Span aggregation: measurements and histograms (read back through the codec), the name limit per interval,
+// request threads pushing while the metric thread aggregates, the reporter's table end to end.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -22,25 +20,10 @@ namespace {
 
 using namespace corvidine;
 
-struct Span {
-    bool http;
-    const char *service, *transaction;
-    long duration;
-    int status;
-    const char *method;
-    int error;
-};
-struct Expected {
-    std::string key;  // histograms: the map key; measurements: the tags as "k:v&…"
-    std::string tags;
-    int64_t count;
-    double sumOrMax;  // measurements: the sum; histograms: the largest counted value
-};
-struct Case {
-    const char *name;
-    std::vector<Span> spans;
-    std::vector<Expected> measurements, histograms;
-};
+struct Span { bool http; const char *service, *transaction; long duration; int status; const char *method; int error; };
+// key: a histogram's map key; tags as "k:v&…"; sumOrMax: a measurement's sum, a histogram's largest value.
+struct Expected { std::string key, tags; int64_t count; double sumOrMax; };
+struct Case { const char *name; std::vector<Span> spans; std::vector<Expected> measurements, histograms; };
 
 std::shared_ptr<SpanMessage> message(const Span &s) {
     if (s.http)
@@ -145,8 +128,7 @@ TEST(TransactionLimit, KeysAndTheLimitPerInterval) {
     EXPECT_FALSE(limit.isWithinLimit("s&a", 0));
 }
 
-// Request threads check names and push spans while the metric thread drains
-// the queue into the aggregates, as in the reporter.
+// Request threads check names and push spans while the metric thread drains the queue, as in the reporter.
 TEST(SpanAggregation, ConcurrentProducersAndTheAggregatingThread) {
     constexpr int kThreads = 4, kSpans = 500, kNames = 5, kMax = 10;
     auto queue = std::make_unique<RingBuffer<SpanMessage, kThreads * kSpans + 1>>(kThreads * kSpans + 1);
@@ -185,9 +167,8 @@ TEST(SpanAggregation, ConcurrentProducersAndTheAggregatingThread) {
     EXPECT_EQ(kThreads * kSpans / 2, errors);
 }
 
-// The reporter's table: options to the limit and precision, the request
-// thread's entries, and the metric thread draining the span queue into the
-// aggregates even with no Collector (a closed port on loopback).
+// The reporter's table: limit and precision options, request-thread entries, the metric thread aggregating
+// with no Collector (a closed loopback port).
 TEST(SpanAggregation, ReporterTableLimitsQueuesAndAggregates) {
     setenv("CORVIDINE_CLOUD_METADATA", "off", 1);
     for (int traceMetrics : {1, 0}) {
