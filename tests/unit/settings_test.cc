@@ -1,6 +1,5 @@
-// The settings table (places, lookups, record tests, layer entries and their
-// metric writers), the local configuration, the readiness wait, and many
-// threads at once (this file runs under ThreadSanitizer too).
+// The settings table (places, lookups, layer entries, metric writers), local configuration, the readiness
+// wait, many threads at once (also under ThreadSanitizer).
 #include <string.h>
 
 #include <atomic>
@@ -28,8 +27,7 @@ int add(const std::string &name, int type = 3, unsigned ts = 100, const char *ke
 char *g_local_block = nullptr;
 alignas(64) char g_outside_block[VESK_SETTINGS_SIZE];
 
-// Every case runs on the process's own block (name index in use) and on a
-// block from outside (names compared one by one).
+// Every case runs on the process's own block (name index) and on an outside block (names compared).
 class SettingsTable : public ::testing::TestWithParam<bool> {
 protected:
     void SetUp() override {
@@ -187,8 +185,6 @@ TEST_P(SettingsTable, CounterWritersEmitOneElementPerEntryAndResetTheCounts) {
     EXPECT_EQ(107u, svc->sample_rate) << "the rate stays";
 }
 
-// ---- Local configuration and readiness ------------------------------------
-
 TEST(SettingsCfg, SettersClampOrRefuseOutOfRangeValues) {
     corvidine_test::LogCapture log;
     vesk_settings_cfg_t *cfg = vesk_settings_cfg_get();
@@ -234,8 +230,6 @@ TEST_F(SettingsReady, WaitsForTheDefaultRecordThenAsksTheReporter) {
     reporter->table.get_server_response = [](void *) { return VESK_SERVER_RESPONSE_OK; };
 }
 
-// ---- Many threads ----------------------------------------------------------
-
 const int kCounters = 4, kBumpers = 3, kBumps = 20000;
 
 vesk_settings_layer_entry_t *entry(const std::string &name) { return vesk_settings_entry_layer_get(name.c_str()); }
@@ -252,9 +246,8 @@ void append_document(std::string *documents) {
     vesk_bson_buffer_destroy(&b);
 }
 
-// Threads add, update, delete and read settings while others bump layer
-// counters and the metric writer reads and resets them: no count is lost or
-// doubled, no reader sees garbage.
+// Settings rewritten and read while counters are bumped and the metric writer resets them: no count is lost
+// or doubled, no reader sees garbage.
 TEST(SettingsConcurrency, WritersReadersAndCountersAgree) {
     ASSERT_EQ(0, vesk_settings_init_local());
     _vesk_settings_reset();
