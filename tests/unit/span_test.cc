@@ -13,8 +13,7 @@
 
 namespace {
 
-// A reporter that remembers distinct transaction names up to a limit, the
-// way the metrics aggregation does, and records the spans it is handed.
+// A reporter that remembers distinct names up to a limit, as the aggregation does, and records spans.
 struct FakeReporter {
     size_t limit = 1000;
     int ready = 1;
@@ -62,9 +61,8 @@ vesk_span_params_t params(const char *url, const char *transaction = nullptr, co
     return p;
 }
 
-// The name rules on a heap buffer of exactly `len` bytes (ASan sees any
-// write past it), pre-filled with garbage; the result must be terminated and
-// as long as returned.
+// The name rules on a garbage-filled heap buffer of exactly `len` bytes (ASan sees any overrun); the
+// result must be terminated and as long as returned.
 std::string name_of(const vesk_span_params_t &p, uint16_t len = 256, vesk_reporter_t *reporter = nullptr) {
     std::unique_ptr<char[]> buf(new char[len]);
     memset(buf.get(), 'X', len);
