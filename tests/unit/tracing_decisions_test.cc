@@ -50,10 +50,7 @@ const I kTrigger{nullptr, -1, -1, -1, 1};
 class Decisions : public corvidine_test::SettingsFixture {
 protected:
     void SetUp() override { fresh_settings(); }  // after the clock: buckets take their creation time
-    void TearDown() override {
-        reporter->table.event_ready = ready_yes;
-        reporter->table.context = reporter;
-    }
+    void TearDown() override { reporter->table.event_ready = ready_yes, reporter->table.context = reporter; }
     static void add_record(const R &r, unsigned timestamp = 100) {
         const double rates[3] = {0, 0, 0};
         if (r.type == 0) return;
@@ -316,7 +313,9 @@ TEST_F(Decisions, SignaturesAtTheirEdges) {  // the integration tests have the p
         int ret = decide(I{nullptr, -1, -1, -1, c.request_type, c.options, c.signature.c_str(), c.ts}, &out);
         EXPECT_EQ((E{c.ret, c.auth, c.do_sample, c.decision_type}), (E{ret, out.auth_status, out.do_sample, out.decision_type}));
         EXPECT_STREQ(c.auth >= 0 ? auth_text[c.auth] : "", out.auth_message);
-        if (ret == -5) EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->triggered_count) << "refused: no trigger";
+        if (ret == -5) {
+            EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->triggered_count) << "refused: no trigger";
+        }
     }
 }
 
@@ -340,11 +339,8 @@ TEST_F(Decisions, SignatureKeyComesFromTheResolvedRecordAndMayBeLong) {
 // A bucket as a refresh leaves it; rate in tokens per second.
 vesk_bucket_t make(float available, double capacity, double per_second, long sec = 1000) {
     vesk_bucket_t b;
-    b.available = available;
-    b.capacity = capacity;
-    b.rate_per_usec = per_second / 1e6;
-    b.last_check.tv_sec = sec;
-    b.last_check.tv_usec = 0;
+    b.available = available, b.capacity = capacity, b.rate_per_usec = per_second / 1e6;
+    b.last_check.tv_sec = sec, b.last_check.tv_usec = 0;
     return b;
 }
 
@@ -409,12 +405,15 @@ protected:
     }
 };
 
-TEST_F(DecisionsConcurrency, BucketWithoutRefillGivesExactlyItsCapacity) {
+TEST_F(DecisionsConcurrency, BucketsWithoutRefillGiveExactlyTheirCapacity) {
     start(50, 0, 0);
     EXPECT_EQ(50, decide_everywhere(8, 2000));
     vesk_settings_layer_entry_t *e = vesk_settings_entry_layer_get("svc");
     EXPECT_EQ((C{16000, 16000, 50, 16000 - 50}),
               (C{e->request_count, e->sample_count, e->trace_count, e->token_bucket_exhaustion_count}));
+    start(0, 7, 0, 0x34);  // trigger traces share the strict bucket
+    EXPECT_EQ(7, decide_everywhere(8, 500, /*request_type=*/1));
+    EXPECT_EQ(7u, vesk_settings_entry_layer_get("svc")->triggered_count);
 }
 
 TEST_F(DecisionsConcurrency, RefillNeverExceedsCapacityPlusRateTimesTime) {
@@ -425,12 +424,6 @@ TEST_F(DecisionsConcurrency, RefillNeverExceedsCapacityPlusRateTimesTime) {
     EXPECT_LE(sampled, bound + 1e-6);
     EXPECT_GT(sampled, 20) << "the rate must have refilled some";
     EXPECT_EQ(static_cast<unsigned>(sampled), vesk_settings_entry_layer_get("svc")->trace_count);
-}
-
-TEST_F(DecisionsConcurrency, TriggerTracesShareTheStrictBucket) {
-    start(0, 7, 0, 0x34);
-    EXPECT_EQ(7, decide_everywhere(8, 500, /*request_type=*/1));
-    EXPECT_EQ(7u, vesk_settings_entry_layer_get("svc")->triggered_count);
 }
 
 TEST_F(DecisionsConcurrency, DecisionsRideThroughSettingsRewrites) {
