@@ -1,5 +1,4 @@
 // Identifiers: string and binary forms, header codes, acceptance rules, the per-thread context.
-#include <stdio.h>
 #include <string.h>
 
 #include <thread>
