@@ -27,11 +27,8 @@ constexpr int64_t kInterval = 20000;
 constexpr int64_t kBase = 1700000000000000;
 
 vesk_metadata_t trace(uint8_t seed) {
-    vesk_metadata_t md;
-    vesk_metadata_init(&md);
-    vesk_metadata_random(&md);
+    vesk_metadata_t md = corvidine_test::sampled_metadata();
     md.task_id[0] = seed;
-    md.flags = 1;
     return md;
 }
 
@@ -52,9 +49,7 @@ Record snapshot(const vesk_metadata_t &md, uint64_t sequence, int64_t timestamp,
 
 Record end_of_span(const vesk_metadata_t &md, uint64_t sequence, int64_t timestamp) {
     Record s(vesk_profiler_snapshot_new(sequence, &md));
-    s->record_type = vesk_profiler::kEndOfSpan;
-    s->timestamp = timestamp;
-    s->interval = kInterval;
+    s->record_type = vesk_profiler::kEndOfSpan, s->timestamp = timestamp, s->interval = kInterval;
     s->service_name = "shop";
     return s;
 }
