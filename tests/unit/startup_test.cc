@@ -1,5 +1,4 @@
 // Start-up and registry: reporter choice, one start per process, old options, key cleaning, null reporter.
-#include <string.h>
 #include <unistd.h>
 
 #include "corvidine/event.h"
