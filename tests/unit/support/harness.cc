@@ -94,16 +94,13 @@ LogCapture::~LogCapture() {
 
 int LogCapture::level_of(const std::string &message) {
     std::lock_guard<std::mutex> lock(mu_);
-    for (const auto &line : lines_)
-        if (line.second == message) return line.first;
-    return -1;
+    auto it = std::find_if(lines_.begin(), lines_.end(), [&](const auto &line) { return line.second == message; });
+    return it == lines_.end() ? -1 : it->first;
 }
 
 bool LogCapture::contains(const std::string &part) {
     std::lock_guard<std::mutex> lock(mu_);
-    for (const auto &line : lines_)
-        if (has(line.second, part)) return true;
-    return false;
+    return std::any_of(lines_.begin(), lines_.end(), [&](const auto &line) { return has(line.second, part); });
 }
 
 void LogCapture::collect(void *ctx, int, int level, const char *, int, const char *message) {
