@@ -13,7 +13,6 @@
 #include "corvidine/debug_log.h"
 #include "corvidine/event.h"
 #include "corvidine/local_reporters.h"
-#include "corvidine/settings.h"
 #include "support/harness.h"
 
 using namespace corvidine_test;
