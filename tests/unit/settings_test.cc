@@ -24,6 +24,19 @@ int add(const std::string &name, int type = 3, unsigned ts = 100, const char *ke
                              kCaps, kRates, key, touch);
 }
 
+using Writer = void (*)(vesk_bson_buffer *, int *);
+// One metric document {"m": [...]} of what the writers append (which resets their counts); "" on failure.
+std::string metric_document(std::initializer_list<Writer> writers, int *index) {
+    vesk_bson_buffer b;
+    if (vesk_bson_buffer_init(&b) == nullptr) return "";
+    vesk_bson_append_start_array(&b, "m");
+    for (Writer write : writers) write(&b, index);
+    vesk_bson_append_finish_object(&b);
+    std::string out = vesk_bson_buffer_finish(&b) ? std::string(b.data, vesk_bson_buffer_size(&b)) : "";
+    vesk_bson_buffer_destroy(&b);
+    return out;
+}
+
 char *g_local_block = nullptr;
 alignas(64) char g_outside_block[VESK_SETTINGS_SIZE];
 
@@ -153,22 +166,14 @@ TEST_P(SettingsTable, CounterWritersEmitOneElementPerEntryAndResetTheCounts) {
     svc->trace_count = 11;
     svc->request_count = 0xFFFFFFFFu;  // goes out as int32
     svc->sample_rate = 107;
-    vesk_bson_buffer b;
-    ASSERT_NE(nullptr, vesk_bson_buffer_init(&b));
-    vesk_bson_append_start_array(&b, "m");
     int index = 998;  // keys past 999 are cut to three digits
-    void (*writers[])(vesk_bson_buffer *, int *) = {
-        vesk_settings_append_request_count,      vesk_settings_append_token_bucket_exhaustion_count,
-        vesk_settings_append_trace_count,        vesk_settings_append_sample_count,
-        vesk_settings_append_through_count,      vesk_settings_append_through_ignored_count,
-        vesk_settings_append_triggered_count,    vesk_settings_append_sample_rate,
-        vesk_settings_append_sample_source};
-    for (auto write : writers) write(&b, &index);
-    vesk_bson_append_finish_object(&b);
-    ASSERT_NE(nullptr, vesk_bson_buffer_finish(&b));
+    std::string bytes = metric_document(
+        {vesk_settings_append_request_count, vesk_settings_append_token_bucket_exhaustion_count,
+         vesk_settings_append_trace_count, vesk_settings_append_sample_count, vesk_settings_append_through_count,
+         vesk_settings_append_through_ignored_count, vesk_settings_append_triggered_count,
+         vesk_settings_append_sample_rate, vesk_settings_append_sample_source},
+        &index);
     EXPECT_EQ(998 + 18, index);
-    std::string bytes(b.data, vesk_bson_buffer_size(&b));
-    vesk_bson_buffer_destroy(&b);
     std::vector<std::string> docs = corvidine_test::decode_bson(bytes);
     ASSERT_EQ(1u, docs.size());
     const std::string &d = docs[0];
@@ -236,14 +241,8 @@ vesk_settings_layer_entry_t *entry(const std::string &name) { return vesk_settin
 
 // One metric document of the request counts (which resets them).
 void append_document(std::string *documents) {
-    vesk_bson_buffer b;
-    if (vesk_bson_buffer_init(&b) == nullptr) return;
-    vesk_bson_append_start_array(&b, "m");
     int index = 0;
-    vesk_settings_append_request_count(&b, &index);
-    vesk_bson_append_finish_object(&b);
-    if (vesk_bson_buffer_finish(&b)) documents->append(b.data, vesk_bson_buffer_size(&b));
-    vesk_bson_buffer_destroy(&b);
+    *documents += metric_document({vesk_settings_append_request_count}, &index);
 }
 
 // Settings rewritten and read while counters are bumped and the metric writer resets them: no count is lost
