@@ -1,5 +1,4 @@
-// Span aggregation: measurements and histograms (read back through the codec), the name limit per interval,
-// request threads pushing while the metric thread aggregates, the reporter's table end to end.
+// Span aggregation: measurements, histograms (decoded back), the name limit, threads, the reporter's table.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -151,8 +150,7 @@ TEST(SpanAggregation, ConcurrentProducersAndTheAggregatingThread) {
     EXPECT_EQ(kThreads * kSpans / 2, errors);
 }
 
-// The reporter's table: limit and precision options, request-thread entries, the metric thread aggregating
-// with no Collector (a closed loopback port).
+// The reporter's table end to end, its metric thread aggregating with no Collector (a closed loopback port).
 TEST(SpanAggregation, ReporterTableLimitsQueuesAndAggregates) {
     setenv("CORVIDINE_CLOUD_METADATA", "off", 1);
     for (int traceMetrics : {1, 0}) {
