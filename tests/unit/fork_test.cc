@@ -1,5 +1,4 @@
-// A real fork(): the child rebuilds the reporter at its first event (own file, thread id, random ids) and
-// parent and child write at once without losing a document.
+// A real fork(): the child rebuilds its reporter (own file, tid, ids); both write at once, losing nothing.
 #include <sys/wait.h>
 #include <unistd.h>
 
