@@ -1,5 +1,4 @@
-// The settings table (places, lookups, layer entries, metric writers), local configuration, the readiness
-// wait, many threads at once (also under ThreadSanitizer).
+// Settings table, layer entries, metric writers, local configuration, readiness, threads (TSan too).
 #include <string.h>
 
 #include <atomic>
@@ -245,8 +244,7 @@ void append_document(std::string *documents) {
     *documents += metric_document({vesk_settings_append_request_count}, &index);
 }
 
-// Settings rewritten and read while counters are bumped and the metric writer resets them: no count is lost
-// or doubled, no reader sees garbage.
+// Settings rewritten and read, counters bumped and reset: no count lost or doubled, no garbage read.
 TEST(SettingsConcurrency, WritersReadersAndCountersAgree) {
     ASSERT_EQ(0, vesk_settings_init_local());
     _vesk_settings_reset();
