@@ -56,8 +56,7 @@ vesk_span_params_t params(const char *url, const char *transaction = nullptr, co
     return p;
 }
 
-// The name rules on a garbage-filled heap buffer of exactly `len` bytes (ASan sees any overrun); the
-// result must be terminated and as long as returned.
+// Names into a garbage-filled heap buffer of exactly `len` bytes (ASan sees overruns), terminated, as returned.
 std::string name_of(const vesk_span_params_t &p, uint16_t len = 256, vesk_reporter_t *reporter = nullptr) {
     std::unique_ptr<char[]> buf(new char[len]);
     memset(buf.get(), 'X', len);
