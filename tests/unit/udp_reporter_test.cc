@@ -1,5 +1,4 @@
-// UDP reporter against a real loopback listener: one document per datagram, the 65507-byte cut, no
-// listener, target parsing, unresolvable or unconnectable targets.
+// UDP reporter against a loopback listener: datagrams, the 65507-byte cut, bad or unreachable targets.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
