@@ -60,12 +60,9 @@ protected:
     int decide(const I &i, vesk_tracing_decisions_out_t *out, const char *service = "svc") {
         vesk_tracing_decisions_in_t in = corvidine_test::decisions_in(service, i.request_type);
         in.in_xtrace = i.xtrace ? i.xtrace->c_str() : nullptr;
-        in.custom_sample_rate = i.custom_rate;
-        in.custom_tracing_mode = i.custom_mode;
-        in.custom_trigger_mode = i.custom_trigger;
-        in.header_options = i.options;
-        in.header_signature = i.signature;
-        in.header_timestamp = i.timestamp;
+        in.custom_sample_rate = i.custom_rate, in.custom_tracing_mode = i.custom_mode;
+        in.custom_trigger_mode = i.custom_trigger, in.header_options = i.options;
+        in.header_signature = i.signature, in.header_timestamp = i.timestamp;
         memset(out, 0, sizeof(*out));
         out->version = 2;
         out->decision_type = out->auth_status = 77;  // must be overwritten
