@@ -1,7 +1,4 @@
-// A real fork(): the child notices its new process id at its first event,
-// rebuilds the reporter from the kept options (its own file, its own thread
-// id, its own random ids), and parent and child keep writing at once without
-// losing a document.
+// A real fork(): the child rebuilds its reporter (own file, tid, ids); both write at once, losing nothing.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,9 +15,9 @@ namespace {
 
 constexpr int kPerProcess = 40;
 
-// (Layer, Seq) of each decoded event, by layer; and the thread ids seen.
 std::set<std::string> g_ids;  // every event id seen
 
+// Seq of each decoded event, by layer; and the thread ids seen.
 std::map<std::string, std::vector<int>> seqs_by_layer(const std::string &bytes, std::vector<long> *tids = nullptr) {
     static const std::regex fields(
         "\\[\"X-Trace\", \\[\"string\", \"(\\w+)\"\\]\\].*\\[\"Layer\", \\[\"string\", \"([a-z]+)\"\\]\\], "
@@ -45,8 +42,7 @@ std::vector<int> range(int from, int count) {
 class ForkTest : public ::testing::Test {
 protected:
     void TearDown() override { vesk_shutdown(); }
-    // Parent and child send kPerProcess events each at the same time; the
-    // child reports through its exit status (100+: reporter not rebuilt).
+    // Both send kPerProcess events at once; the child's exit status counts failures (100+: not rebuilt).
     pid_t fork_and_send() {
         pid_t child = fork();
         if (child == 0) {

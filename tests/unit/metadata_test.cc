@@ -1,6 +1,4 @@
-// Identifiers: string and binary forms, header codes, acceptance rules, the
-// per-thread context.
-#include <stdio.h>
+// Identifiers: string and binary forms, header codes, acceptance rules, the per-thread context.
 #include <string.h>
 
 #include <thread>

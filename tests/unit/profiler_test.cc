@@ -1,5 +1,4 @@
-// The profiler's core: spans assembled from snapshots (documents read back
-// with python3-bson), the bounded queue and its thread, the clock, a fork.
+// Profiler core: spans from snapshots (read back with python3-bson), the bounded queue, the clock, a fork.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,7 +14,6 @@
 #include "corvidine/metadata.h"
 #include "corvidine/profile_spans.h"
 #include "corvidine/profiler.h"
-#include "corvidine/startup.h"
 #include "support/harness.h"
 
 using corvidine_test::CaptureReporter;
@@ -29,11 +27,8 @@ constexpr int64_t kInterval = 20000;
 constexpr int64_t kBase = 1700000000000000;
 
 vesk_metadata_t trace(uint8_t seed) {
-    vesk_metadata_t md;
-    vesk_metadata_init(&md);
-    vesk_metadata_random(&md);
+    vesk_metadata_t md = corvidine_test::sampled_metadata();
     md.task_id[0] = seed;
-    md.flags = 1;
     return md;
 }
 
@@ -54,9 +49,7 @@ Record snapshot(const vesk_metadata_t &md, uint64_t sequence, int64_t timestamp,
 
 Record end_of_span(const vesk_metadata_t &md, uint64_t sequence, int64_t timestamp) {
     Record s(vesk_profiler_snapshot_new(sequence, &md));
-    s->record_type = vesk_profiler::kEndOfSpan;
-    s->timestamp = timestamp;
-    s->interval = kInterval;
+    s->record_type = vesk_profiler::kEndOfSpan, s->timestamp = timestamp, s->interval = kInterval;
     s->service_name = "shop";
     return s;
 }
@@ -203,8 +196,6 @@ TEST_F(SpanTest, ADeepStackKeepsItsOutermostFramesAndItsDepth) {
     EXPECT_EQ(names.size() - 9, names.find(",f1,main,")) << names;
 }
 
-// ---- the queue and the profiler thread
-
 std::mutex g_gate_mutex;
 std::condition_variable g_gate_cv;
 bool g_gate_open = false, g_at_gate = false;
@@ -250,14 +241,11 @@ TEST(ProfilerQueue, AFullQueueDropsSnapshotsAtOnceButNeverTheEndOfASpan) {
     g_gate_cv.notify_all();
     vesk_profiler_terminate();  // sends what is queued first
     EXPECT_EQ(0, vesk_profiler_ready());
-    // The first span: entry, info, exit. The second: entry, its first
-    // snapshot, its 3000th (the last a span keeps, sent though equal), exit.
+    // Entry, info, exit; then entry, first snapshot, the 3000th (the last a span keeps), exit.
     auto docs = decoded(g_sent);
     ASSERT_EQ(7u, docs.size());
     EXPECT_EQ("[\"string\", \"svc\"]", value_of(docs[6], "SN"));
 }
-
-// ---- the clock
 
 TEST(ProfilerClock, StoppedClocksNeverTouchTheirTargetAgain) {
     constexpr int kThreads = 8;
@@ -285,8 +273,6 @@ TEST(ProfilerClock, StoppedClocksNeverTouchTheirTargetAgain) {
     EXPECT_EQ(0, failures.load());
     EXPECT_EQ(0, vesk_profiler_clocks_wait(5000));  // every stopped clock's thread ends
 }
-
-// ---- fork
 
 TEST(ProfilerFork, AChildStartsItsOwnThreadAndLetsInheritedClocksGo) {
 #if defined(__SANITIZE_THREAD__)

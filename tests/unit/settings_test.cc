@@ -1,6 +1,4 @@
-// The settings table (places, lookups, record tests, layer entries and their
-// metric writers), the local configuration, the readiness wait, and many
-// threads at once (this file runs under ThreadSanitizer too).
+// Settings table, layer entries, metric writers, local configuration, readiness, threads (TSan too).
 #include <string.h>
 
 #include <atomic>
@@ -25,11 +23,23 @@ int add(const std::string &name, int type = 3, unsigned ts = 100, const char *ke
                              kCaps, kRates, key, touch);
 }
 
+using Writer = void (*)(vesk_bson_buffer *, int *);
+// One metric document {"m": [...]} of what the writers append (which resets their counts); "" on failure.
+std::string metric_document(std::initializer_list<Writer> writers, int *index) {
+    vesk_bson_buffer b;
+    if (vesk_bson_buffer_init(&b) == nullptr) return "";
+    vesk_bson_append_start_array(&b, "m");
+    for (Writer write : writers) write(&b, index);
+    vesk_bson_append_finish_object(&b);
+    std::string out = vesk_bson_buffer_finish(&b) ? std::string(b.data, vesk_bson_buffer_size(&b)) : "";
+    vesk_bson_buffer_destroy(&b);
+    return out;
+}
+
 char *g_local_block = nullptr;
 alignas(64) char g_outside_block[VESK_SETTINGS_SIZE];
 
-// Every case runs on the process's own block (name index in use) and on a
-// block from outside (names compared one by one).
+// Every case runs on the process's own block (name index) and on an outside block (names compared).
 class SettingsTable : public ::testing::TestWithParam<bool> {
 protected:
     void SetUp() override {
@@ -155,22 +165,14 @@ TEST_P(SettingsTable, CounterWritersEmitOneElementPerEntryAndResetTheCounts) {
     svc->trace_count = 11;
     svc->request_count = 0xFFFFFFFFu;  // goes out as int32
     svc->sample_rate = 107;
-    vesk_bson_buffer b;
-    ASSERT_NE(nullptr, vesk_bson_buffer_init(&b));
-    vesk_bson_append_start_array(&b, "m");
     int index = 998;  // keys past 999 are cut to three digits
-    void (*writers[])(vesk_bson_buffer *, int *) = {
-        vesk_settings_append_request_count,      vesk_settings_append_token_bucket_exhaustion_count,
-        vesk_settings_append_trace_count,        vesk_settings_append_sample_count,
-        vesk_settings_append_through_count,      vesk_settings_append_through_ignored_count,
-        vesk_settings_append_triggered_count,    vesk_settings_append_sample_rate,
-        vesk_settings_append_sample_source};
-    for (auto write : writers) write(&b, &index);
-    vesk_bson_append_finish_object(&b);
-    ASSERT_NE(nullptr, vesk_bson_buffer_finish(&b));
+    std::string bytes = metric_document(
+        {vesk_settings_append_request_count, vesk_settings_append_token_bucket_exhaustion_count,
+         vesk_settings_append_trace_count, vesk_settings_append_sample_count, vesk_settings_append_through_count,
+         vesk_settings_append_through_ignored_count, vesk_settings_append_triggered_count,
+         vesk_settings_append_sample_rate, vesk_settings_append_sample_source},
+        &index);
     EXPECT_EQ(998 + 18, index);
-    std::string bytes(b.data, vesk_bson_buffer_size(&b));
-    vesk_bson_buffer_destroy(&b);
     std::vector<std::string> docs = corvidine_test::decode_bson(bytes);
     ASSERT_EQ(1u, docs.size());
     const std::string &d = docs[0];
@@ -186,8 +188,6 @@ TEST_P(SettingsTable, CounterWritersEmitOneElementPerEntryAndResetTheCounts) {
     EXPECT_EQ(0u, svc->request_count + svc->trace_count + def->trace_count) << "counts start again from zero";
     EXPECT_EQ(107u, svc->sample_rate) << "the rate stays";
 }
-
-// ---- Local configuration and readiness ------------------------------------
 
 TEST(SettingsCfg, SettersClampOrRefuseOutOfRangeValues) {
     corvidine_test::LogCapture log;
@@ -234,27 +234,17 @@ TEST_F(SettingsReady, WaitsForTheDefaultRecordThenAsksTheReporter) {
     reporter->table.get_server_response = [](void *) { return VESK_SERVER_RESPONSE_OK; };
 }
 
-// ---- Many threads ----------------------------------------------------------
-
 const int kCounters = 4, kBumpers = 3, kBumps = 20000;
 
 vesk_settings_layer_entry_t *entry(const std::string &name) { return vesk_settings_entry_layer_get(name.c_str()); }
 
 // One metric document of the request counts (which resets them).
 void append_document(std::string *documents) {
-    vesk_bson_buffer b;
-    if (vesk_bson_buffer_init(&b) == nullptr) return;
-    vesk_bson_append_start_array(&b, "m");
     int index = 0;
-    vesk_settings_append_request_count(&b, &index);
-    vesk_bson_append_finish_object(&b);
-    if (vesk_bson_buffer_finish(&b)) documents->append(b.data, vesk_bson_buffer_size(&b));
-    vesk_bson_buffer_destroy(&b);
+    *documents += metric_document({vesk_settings_append_request_count}, &index);
 }
 
-// Threads add, update, delete and read settings while others bump layer
-// counters and the metric writer reads and resets them: no count is lost or
-// doubled, no reader sees garbage.
+// Settings rewritten and read, counters bumped and reset: no count lost or doubled, no garbage read.
 TEST(SettingsConcurrency, WritersReadersAndCountersAgree) {
     ASSERT_EQ(0, vesk_settings_init_local());
     _vesk_settings_reset();

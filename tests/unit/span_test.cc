@@ -13,13 +13,16 @@
 
 namespace {
 
-// A reporter that remembers distinct transaction names up to a limit, the
-// way the metrics aggregation does, and records the spans it is handed.
+// A reporter that remembers distinct names up to a limit, as the aggregation does, and records spans.
 struct FakeReporter {
     size_t limit = 1000;
     int ready = 1;
     std::set<std::string> names;
     std::vector<std::string> limit_asks, spans;  // "service|name"; "service|name|duration[|status|method|error]"
+    static int span(void *ctx, const std::string &text) {
+        static_cast<FakeReporter *>(ctx)->spans.push_back(text);
+        return 0;
+    }
 
     vesk_reporter_t table() {
         vesk_reporter_t t;
@@ -34,16 +37,12 @@ struct FakeReporter {
             return 1;
         };
         t.send_span = [](void *ctx, const char *service, const char *name, int64_t duration) {
-            static_cast<FakeReporter *>(ctx)->spans.push_back(std::string(service) + "|" + name + "|" +
-                                                              std::to_string(duration));
-            return 0;
+            return span(ctx, std::string(service) + "|" + name + "|" + std::to_string(duration));
         };
         t.send_http_span = [](void *ctx, const char *service, const char *name, int64_t duration, int status,
                               const char *method, int error) {
-            static_cast<FakeReporter *>(ctx)->spans.push_back(std::string(service) + "|" + name + "|" +
-                                                              std::to_string(duration) + "|" + std::to_string(status) +
-                                                              "|" + method + "|" + std::to_string(error));
-            return 0;
+            return span(ctx, std::string(service) + "|" + name + "|" + std::to_string(duration) + "|" +
+                                 std::to_string(status) + "|" + method + "|" + std::to_string(error));
         };
         return t;
     }
@@ -52,19 +51,12 @@ struct FakeReporter {
 vesk_span_params_t params(const char *url, const char *transaction = nullptr, const char *domain = nullptr) {
     vesk_span_params_t p;
     memset(&p, 0, sizeof(p));
-    p.version = 2;
-    p.service = "svc";
-    p.url = url;
-    p.transaction = transaction;
-    p.domain = domain;
-    p.duration = 1234;
-    p.do_metrics = 1;
+    p.version = 2, p.service = "svc", p.url = url, p.transaction = transaction, p.domain = domain;
+    p.duration = 1234, p.do_metrics = 1;
     return p;
 }
 
-// The name rules on a heap buffer of exactly `len` bytes (ASan sees any
-// write past it), pre-filled with garbage; the result must be terminated and
-// as long as returned.
+// Names into a garbage-filled heap buffer of exactly `len` bytes (ASan sees overruns), terminated, as returned.
 std::string name_of(const vesk_span_params_t &p, uint16_t len = 256, vesk_reporter_t *reporter = nullptr) {
     std::unique_ptr<char[]> buf(new char[len]);
     memset(buf.get(), 'X', len);

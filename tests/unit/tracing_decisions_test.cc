@@ -1,12 +1,9 @@
-// The tracing decision by path (dice, through, trigger), errors, refreshes, dice statistics, bad input,
-// signatures, token buckets, many threads at once (also run under ThreadSanitizer).
+// Tracing decisions by path, errors, refreshes, dice, bad input, signatures, buckets, threads (TSan too).
 #include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <thread>
-
 
 #include "corvidine/settings.h"
 #include "corvidine/token_bucket.h"
@@ -29,9 +26,7 @@ struct R {
     double caps[3] = {100, 100, 100};
     const char *key = nullptr;
 };
-struct L {
-    int mode = -1, rate = -1, trigger = -1;
-};
+struct L { int mode = -1, rate = -1, trigger = -1; };
 struct I {
     const std::string *xtrace = nullptr;
     int custom_rate = -1, custom_mode = -1, custom_trigger = -1, request_type = 0;
@@ -39,31 +34,15 @@ struct I {
     long timestamp = 0;
 };
 constexpr unsigned kAny = ~0u;
-// Expected ret, do_sample (-1: any), do_metrics, decision_type, sample_rate,
-// sample_source; counters request, sample, trace (kAny: as sampled), through,
-// through_ignored, triggered, exhausted.
+// Want: ret, do_sample (-1: any), do_metrics, decision_type, rate, source; counts: request, sample, trace (kAny:
+// as sampled), through, through_ignored, triggered, exhausted.
 using E = std::vector<int>;
 using C = std::vector<unsigned>;
-struct Case {
-    const char *name;
-    R remote;
-    L local;
-    I in;
-    E want;
-    C counts;
-};
+struct Case { const char *name; R remote; L local; I in; E want; C counts; };
 
-R rec(unsigned value, int flags, int type = 2) {
-    R r;
-    r.type = type;
-    r.value = value;
-    r.flags = flags;
-    return r;
-}
+R rec(unsigned value, int flags, int type = 2) { R r; r.type = type, r.value = value, r.flags = flags; return r; }
 R caps(double main, double relaxed, double strict, R r = R{}) {
-    r.caps[0] = main;
-    r.caps[1] = relaxed;
-    r.caps[2] = strict;
+    r.caps[0] = main, r.caps[1] = relaxed, r.caps[2] = strict;
     return r;
 }
 const I kTrigger{nullptr, -1, -1, -1, 1};
@@ -71,10 +50,7 @@ const I kTrigger{nullptr, -1, -1, -1, 1};
 class Decisions : public corvidine_test::SettingsFixture {
 protected:
     void SetUp() override { fresh_settings(); }  // after the clock: buckets take their creation time
-    void TearDown() override {
-        reporter->table.event_ready = ready_yes;
-        reporter->table.context = reporter;
-    }
+    void TearDown() override { reporter->table.event_ready = ready_yes, reporter->table.context = reporter; }
     static void add_record(const R &r, unsigned timestamp = 100) {
         const double rates[3] = {0, 0, 0};
         if (r.type == 0) return;
@@ -84,12 +60,9 @@ protected:
     int decide(const I &i, vesk_tracing_decisions_out_t *out, const char *service = "svc") {
         vesk_tracing_decisions_in_t in = corvidine_test::decisions_in(service, i.request_type);
         in.in_xtrace = i.xtrace ? i.xtrace->c_str() : nullptr;
-        in.custom_sample_rate = i.custom_rate;
-        in.custom_tracing_mode = i.custom_mode;
-        in.custom_trigger_mode = i.custom_trigger;
-        in.header_options = i.options;
-        in.header_signature = i.signature;
-        in.header_timestamp = i.timestamp;
+        in.custom_sample_rate = i.custom_rate, in.custom_tracing_mode = i.custom_mode;
+        in.custom_trigger_mode = i.custom_trigger, in.header_options = i.options;
+        in.header_signature = i.signature, in.header_timestamp = i.timestamp;
         memset(out, 0, sizeof(*out));
         out->version = 2;
         out->decision_type = out->auth_status = 77;  // must be overwritten
@@ -119,8 +92,7 @@ protected:
     vesk_settings_cfg_t *cfg = vesk_settings_cfg_get();
 };
 
-// Rates of 1000000 and flags without SAMPLE_START keep the dice out of the
-// outcome; the dice's randomness has its own test below.
+// Rates of 1000000 and flags without SAMPLE_START keep the dice out of the outcome (it has its own test).
 // clang-format off
 TEST_F(Decisions, DicePath) {
     run_cases({
@@ -188,9 +160,7 @@ TEST_F(Decisions, ErrorPath) {
     EXPECT_EQ(5, decide(I{}, &out));
     EXPECT_STREQ("send-queue-full", out.status_message);
     reporter->table.event_ready = ready_yes;
-    // None of them got as far as counting.
-    EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->request_count);
-
+    EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->request_count) << "none of them counted";
     ASSERT_EQ(0, decide(I{}, &out));
     char *base = vesk_shm_base;
     _vesk_settings_set_shmaddr(nullptr);  // table detached after settings were resolved
@@ -341,7 +311,7 @@ TEST_F(Decisions, SignaturesAtTheirEdges) {  // the integration tests have the p
         EXPECT_EQ((E{c.ret, c.auth, c.do_sample, c.decision_type}), (E{ret, out.auth_status, out.do_sample, out.decision_type}));
         EXPECT_STREQ(c.auth >= 0 ? auth_text[c.auth] : "", out.auth_message);
         if (ret == -5) {
-            EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->triggered_count) << "a refused signature triggers nothing";
+            EXPECT_EQ(0u, vesk_settings_entry_layer_get("svc")->triggered_count) << "refused: no trigger";
         }
     }
 }
@@ -366,19 +336,14 @@ TEST_F(Decisions, SignatureKeyComesFromTheResolvedRecordAndMayBeLong) {
 // A bucket as a refresh leaves it; rate in tokens per second.
 vesk_bucket_t make(float available, double capacity, double per_second, long sec = 1000) {
     vesk_bucket_t b;
-    b.available = available;
-    b.capacity = capacity;
-    b.rate_per_usec = per_second / 1e6;
-    b.last_check.tv_sec = sec;
-    b.last_check.tv_usec = 0;
+    b.available = available, b.capacity = capacity, b.rate_per_usec = per_second / 1e6;
+    b.last_check.tv_sec = sec, b.last_check.tv_usec = 0;
     return b;
 }
 
 TEST(TokenBucket, FullBucketKeepsLastCheckSoTheWholeSpellCounts) {
     corvidine_test::FixedClock clock(1005);
-    vesk_bucket_t b = make(10.0f, 10, 1.0, 1000);
-    // The first token leaves last_check at 1000; the next refill counts all
-    // 5 s since then (capped), so five tokens at 1005 leave 6, not 5.
+    vesk_bucket_t b = make(10.0f, 10, 1.0, 1000);  // a full bucket's first token keeps last_check: 5 s refill
     for (int i = 0; i < 5; ++i) ASSERT_EQ(1, vesk_bucket_consume(&b));
     EXPECT_EQ(6.0f, b.available);
     clock.set(1007);
@@ -398,8 +363,7 @@ TEST(TokenBucket, ClockSteppingBackNeitherDrainsNorRefills) {
 
 // ---- Many threads ----------------------------------------------------------
 
-// A clock that moves one microsecond each time it is read, so the refill the
-// buckets may hand out is known exactly afterwards.
+// A clock that moves one microsecond per read, so the refill the buckets may hand out is known exactly.
 std::atomic<long> g_ticks{0};
 void ticking_clock(struct timeval *tv) {
     long t = g_ticks.fetch_add(1);
@@ -438,12 +402,15 @@ protected:
     }
 };
 
-TEST_F(DecisionsConcurrency, BucketWithoutRefillGivesExactlyItsCapacity) {
+TEST_F(DecisionsConcurrency, BucketsWithoutRefillGiveExactlyTheirCapacity) {
     start(50, 0, 0);
     EXPECT_EQ(50, decide_everywhere(8, 2000));
     vesk_settings_layer_entry_t *e = vesk_settings_entry_layer_get("svc");
     EXPECT_EQ((C{16000, 16000, 50, 16000 - 50}),
               (C{e->request_count, e->sample_count, e->trace_count, e->token_bucket_exhaustion_count}));
+    start(0, 7, 0, 0x34);  // trigger traces share the strict bucket
+    EXPECT_EQ(7, decide_everywhere(8, 500, /*request_type=*/1));
+    EXPECT_EQ(7u, vesk_settings_entry_layer_get("svc")->triggered_count);
 }
 
 TEST_F(DecisionsConcurrency, RefillNeverExceedsCapacityPlusRateTimesTime) {
@@ -454,12 +421,6 @@ TEST_F(DecisionsConcurrency, RefillNeverExceedsCapacityPlusRateTimesTime) {
     EXPECT_LE(sampled, bound + 1e-6);
     EXPECT_GT(sampled, 20) << "the rate must have refilled some";
     EXPECT_EQ(static_cast<unsigned>(sampled), vesk_settings_entry_layer_get("svc")->trace_count);
-}
-
-TEST_F(DecisionsConcurrency, TriggerTracesShareTheStrictBucket) {
-    start(0, 7, 0, 0x34);
-    EXPECT_EQ(7, decide_everywhere(8, 500, /*request_type=*/1));
-    EXPECT_EQ(7u, vesk_settings_entry_layer_get("svc")->triggered_count);
 }
 
 TEST_F(DecisionsConcurrency, DecisionsRideThroughSettingsRewrites) {

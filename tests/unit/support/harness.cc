@@ -64,10 +64,8 @@ std::vector<std::string> decode_bson(const std::string &bytes) {
     std::string dir = make_temp_dir(), in = dir + "/docs.bson", out;
     std::ofstream(in, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     const char *root = getenv("CORVIDINE_SOURCE_DIR");
-    FILE *p = popen(("/usr/bin/python3 " + std::string(root ? root : CORVIDINE_SOURCE_DIR) +
-                     "/tools/bson_tools.py json " + in)
-                        .c_str(),
-                    "r");
+    std::string cmd = "/usr/bin/python3 " + std::string(root ? root : CORVIDINE_SOURCE_DIR) + "/tools/bson_tools.py json " + in;
+    FILE *p = popen(cmd.c_str(), "r");
     for (int c; p && (c = fgetc(p)) != EOF;) out.push_back(static_cast<char>(c));
     EXPECT_EQ(0, p ? pclose(p) : -1) << "decoder failed: " << out;
     unlink(in.c_str());
@@ -96,16 +94,13 @@ LogCapture::~LogCapture() {
 
 int LogCapture::level_of(const std::string &message) {
     std::lock_guard<std::mutex> lock(mu_);
-    for (const auto &line : lines_)
-        if (line.second == message) return line.first;
-    return -1;
+    auto it = std::find_if(lines_.begin(), lines_.end(), [&](const auto &line) { return line.second == message; });
+    return it == lines_.end() ? -1 : it->first;
 }
 
 bool LogCapture::contains(const std::string &part) {
     std::lock_guard<std::mutex> lock(mu_);
-    for (const auto &line : lines_)
-        if (has(line.second, part)) return true;
-    return false;
+    return std::any_of(lines_.begin(), lines_.end(), [&](const auto &line) { return has(line.second, part); });
 }
 
 void LogCapture::collect(void *ctx, int, int level, const char *, int, const char *message) {
@@ -120,16 +115,10 @@ std::atomic<long> g_sec{0}, g_usec{0};
 
 FixedClock::FixedClock(long sec) {
     set(sec);
-    _vesk_clock_set([](struct timeval *tv) {
-        tv->tv_sec = g_sec.load();
-        tv->tv_usec = g_usec.load();
-    });
+    _vesk_clock_set([](struct timeval *tv) { tv->tv_sec = g_sec.load(), tv->tv_usec = g_usec.load(); });
 }
 FixedClock::~FixedClock() { _vesk_clock_set(nullptr); }
-void FixedClock::set(long sec, long usec) {
-    g_sec = sec;
-    g_usec = usec;
-}
+void FixedClock::set(long sec, long usec) { g_sec = sec, g_usec = usec; }
 long FixedClock::sec() { return g_sec.load(); }
 
 vesk_init_options_t init_options(const char *reporter, const char *host) {

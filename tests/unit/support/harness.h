@@ -1,5 +1,4 @@
-// The one harness of the unit tests: a capturing reporter, the independent
-// BSON decoder (python3-bson), a debug-log capture, a hand-set clock, files.
+// The unit tests' harness: a capturing reporter, python3-bson decoding, a log capture, a hand-set clock, files.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,8 +15,7 @@
 
 namespace corvidine_test {
 
-// Starts the library with the null reporter (so this process owns the
-// registry) and puts a table that keeps every document in its place.
+// Starts the library with the null reporter (this process owns the registry), then keeps every document.
 class CaptureReporter {
 public:
     CaptureReporter();
@@ -65,8 +63,7 @@ int send_event(vesk_metadata_t *md, const char *layer, int64_t seq);
 // A valid BSON document {"n": n, "pad": <pad bytes>}, 22 + pad bytes long.
 std::string padded_document(int32_t n, size_t pad);
 
-// Base of the fixtures that decide or wait on the settings table: a
-// capturing reporter owns the registry for the whole suite.
+// Base of the fixtures that decide or wait on the settings: a capturing reporter for the whole suite.
 class SettingsFixture : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { reporter = new CaptureReporter(); }
@@ -76,9 +73,7 @@ protected:
     static CaptureReporter *reporter;
 };
 
-// Base of the fixtures that start and stop the library themselves: its
-// one-time set-up (which resets the log's callback slots) is behind them, no
-// reporter and no default settings record before each case.
+// Base of fixtures that start the library themselves: one-time set-up done, no reporter or default record.
 class LibraryFixture : public ::testing::Test {
 protected:
     static void SetUpTestSuite();
