@@ -1,8 +1,5 @@
-"""The server variables the extension copies at request start (read from the
-FastCGI parameters and the process environment, without building _SERVER)
-must equal what _SERVER holds afterwards (www/server_cache.php, through the
-test hook corvidine_test_server_cache()). php-fpm is spoken to over FastCGI
-directly, so a case can send what no web server would; php-cgi runs as CGI."""
+"""Server variables copied at request start (without building _SERVER) equal what _SERVER later holds;
+php-fpm is spoken to over FastCGI directly, so a case can send what no web server would."""
 import json
 import os
 import subprocess
@@ -97,7 +94,3 @@ class ServerCache(unittest.TestCase):
                 out = subprocess.run(args, env=clean_environment(dict(params, REDIRECT_STATUS="200")),
                                      capture_output=True, timeout=30).stdout.decode("utf-8")
             self.check(page_result(out), expected)
-
-
-if __name__ == "__main__":
-    unittest.main()
