@@ -14,7 +14,7 @@ function child(string $code, array $ini = []): array
     return array_values(array_filter($r['docs'], fn($d) => vesk_field($d, '__Init') === null));
 }
 
-echo "-- the ten record types; edges only within the trace\n";
+// the ten record types; edges only within the trace
 [$first, $second] = child(<<<'PHP'
 $other = '2B' . str_repeat('C3', 28) . '01';
 corvidine_test_event('a-layer', 'records', [
@@ -44,7 +44,7 @@ foreach ($first as [$key, [$type, $value]]) {
 echo implode(" ", $shown), "\n";
 echo implode(',', array_column($second, 0)), "\n";
 
-echo "-- flags: 2 text backtrace, 4 BSON (2 wins), 8 arguments, 64 backtrace even when turned off\n";
+// flags: 2 text backtrace, 4 BSON (2 wins), 8 arguments, 64 backtrace even when turned off
 $code = <<<'PHP'
 function nested($label, $flags) { return corvidine_test_event('L', $label, [[7, 'x', [['function' => 'x']]]], $flags); }
 foreach (['text' => 2, 'bson' => 4, 'both' => 6, 'forced' => 66, 'forced-bson' => 68, 'plain' => 0] as $label => $flags) {
@@ -69,7 +69,7 @@ foreach ([[], ['corvidine.enable_backtrace' => 0, 'corvidine.enable_function_arg
     echo json_encode($ini), "\n  ", implode(' | ', $shown), "\n";
 }
 
-echo "-- the prepared exit event: state 2 hands its id to the next event; SN after the edge\n";
+// the prepared exit event: state 2 hands its id to the next event; SN after the edge
 $docs = child(<<<'PHP'
 echo 'prepared ', corvidine_test_exit_event(2), "\n";
 corvidine_test_set_service_name('shop-front');
@@ -85,18 +85,15 @@ foreach ($docs as $doc) {
 }
 ?>
 --EXPECTF--
--- the ten record types; edges only within the trace
 context moved on: yes, to the event: 2B%s
 unsampled: 0
 invalid: 0
 _V:string X-Trace:string Label:string="records" Layer:string="a-layer" Memory-Used:int64 Memory-Used-Real:int64 Memory-Peak:int64 Memory-Peak-Real:int64 S:string="text" I4:int64=-7 I8:int64=-1099511627776 D:double=-2.5 B:binary="610062" Doc:document=[["x",["int64",1]]] Edge:string="E5E5E5E5E5E5E5E5" Backtrace:string="#0 \/app\/f.php(4): f(String)\n#1 {main}" Edge:string="F6F6F6F6F6F6F6F6" T:bool=true Edge:string="B2B2B2B2B2B2B2B2" TID:int64 Timestamp_u:int64 Hostname:string
 _V,X-Trace,Label,Memory-Used,Memory-Used-Real,Memory-Peak,Memory-Peak-Real,TID,Timestamp_u,Hostname
--- flags: 2 text backtrace, 4 BSON (2 wins), 8 arguments, 64 backtrace even when turned off
 []
   text: text(2) text(1) | bson: bson(corvidine_test_event,nested) text(1) | both: text(2) text(1) | forced: text(2) text(1) | forced-bson: bson(corvidine_test_event,nested) text(1) | plain: text(1) | args: args(1,4,array,int64,1024,null)
 {"corvidine.enable_backtrace":0,"corvidine.enable_function_args":0}
   text:  | bson:  | both:  | forced: text(2) | forced-bson: bson(corvidine_test_event,nested) | plain:  | args: 
--- the prepared exit event: state 2 hands its id to the next event; SN after the edge
 prepared 2B%s
 state after it: 0
 Edge,SN,TID,Timestamp_u,Hostname Edge,TID,Timestamp_u,Hostname

@@ -30,7 +30,7 @@ foreach ([['corvidine.so_file' => 'no-such-file.so'], ['corvidine.enable' => 0],
         vesk_field(vesk_inits($docs)[0] ?? [], 'PHP.InstallTimestamp')[1] ?? '-', "\n";
 }
 
-echo "-- PHP.LastRestart: a worker started with its parent's command line reports the parent's start\n";
+// PHP.LastRestart: a worker started with its parent's command line reports the parent's start
 // The parent's /proc entry is made (and held open) seconds before either child starts.
 $r = vesk_child(<<<'PHP'
 <?php
@@ -57,6 +57,5 @@ _V:string="1" X-Trace:string=ok Layer:string="PHP" Label:string="single" __Init:
 {"corvidine.so_file":"no-such-file.so"}: 1 __Init of 3, install timestamp 0
 {"corvidine.enable":0}: 1 __Init of 1, install timestamp 0
 {"corvidine.enable_cli":0}: 0 __Init of 0, install timestamp -
--- PHP.LastRestart: a worker started with its parent's command line reports the parent's start
 same command line: the parent's start
 other command line: its own start
