@@ -1,8 +1,6 @@
 #!/usr/bin/python3
-"""fpm_workers_test.py --php-fpm PATH --extension corvidine.so: the extension in a php-fpm pool (the integration
-tests' nginx + php-fpm harness, 3 workers forked from the master, one reporter file per process). The master sends
-"__Init" once, the workers never; each worker rebuilds its reporter; a per-directory key (.user.ini) names the
-service of its requests only; the key's token never shows in phpinfo(); no worker dies."""
+"""--php-fpm PATH --extension SO: in a php-fpm pool the master sends "__Init" once, workers rebuild their reporters,
+a .user.ini key names its directory's service only, the token never shows in phpinfo(), no worker dies."""
 import argparse
 import glob
 import os
@@ -14,10 +12,7 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import harness  # noqa: E402
 
 WORKERS = 3
-INFO_PHP = """<?php
-echo "pid=", getmypid(), "\\n";
-(new ReflectionExtension('corvidine'))->info();
-"""
+INFO_PHP = """<?php echo "pid=", getmypid(), "\\n"; (new ReflectionExtension('corvidine'))->info();"""
 
 
 def main():
