@@ -1,8 +1,5 @@
 #!/usr/bin/python3
-"""The shared BSON reader (tools/bson_tools.py) on documents built
-here byte by byte: repeated keys survive in the module and the script outputs,
-strings must be UTF-8 unless asked otherwise, malformed input fails with the
-documented status."""
+"""tools/bson_tools.py on hand-built documents: repeated keys, strict UTF-8, script outputs and failures."""
 import json
 import os
 import struct

@@ -1,6 +1,5 @@
 #!/usr/bin/python3
-"""The demo's trace, written by the file reporter, decodes with python3-bson
-into four events of one task, each linked to the previous by its Edge."""
+"""The demo's trace decodes with python3-bson into four events of one task, chained by their Edges."""
 import os
 import subprocess
 import sys
