@@ -1,7 +1,5 @@
-"""Hostile X-Trace, X-Trace-Options and signature headers through nginx + php-fpm, the built-in server, and
-valgrind: answered by PHP (or refused by the front server's own limits), identifiers that parse keep their place,
-no worker dies, every document decodes strictly. Bounded by CORVIDINE_FUZZ_REQUESTS / CORVIDINE_FUZZ_SECONDS;
-CORVIDINE_FUZZ_SEED repeats a run. Service keys of any bytes go to php-fpm in PHP_VALUE."""
+"""Hostile trace headers and service keys through real servers and valgrind: answered, parsed identifiers kept,
+no crash, every document decodes strictly. CORVIDINE_FUZZ_REQUESTS/_SECONDS bound a run, _SEED repeats one."""
 import os
 import random
 import re
@@ -14,6 +12,7 @@ import uuid
 
 import harness
 from harness import curl
+from test_request_tracing import ServerCase
 
 REQUESTS = int(os.environ.get("CORVIDINE_FUZZ_REQUESTS", "300"))
 SECONDS = float(os.environ.get("CORVIDINE_FUZZ_SECONDS", "60"))
@@ -37,8 +36,7 @@ def padded(value):
     return isinstance(value, (str, bytes)) and value != value.strip(" \t" if isinstance(value, str) else b" \t")
 
 
-def hostile_bytes(rng, length):
-    # Everything but what HTTP cannot carry in a header value (NUL, CR, LF).
+def hostile_bytes(rng, length):  # all but NUL, CR, LF
     alphabet = bytes(b for b in range(1, 256) if b not in (10, 13))
     return bytes(rng.choice(alphabet) for _ in range(length)).strip() or b"x"
 
@@ -93,11 +91,9 @@ def fuzz_requests(rng, count, seconds):
             return
         headers = {}
         if rng.randrange(4) != 0:
-            good = "2B" + hex_digits(rng, 56) + rng.choice(["00", "01"])
-            headers["X-Trace"] = rng.choice(XTRACE_KINDS)(rng, good)
-        options = None
-        if rng.randrange(3) != 0:
-            options = options_value(rng)
+            headers["X-Trace"] = rng.choice(XTRACE_KINDS)(rng, "2B" + hex_digits(rng, 56) + rng.choice(["00", "01"]))
+        options = options_value(rng) if rng.randrange(3) != 0 else None
+        if options is not None:
             headers["X-Trace-Options"] = options
         if rng.randrange(3) == 0:
             headers["X-Trace-Options-Signature"] = signature_value(rng, options)
@@ -138,29 +134,19 @@ class FuzzCases:
         print("  %d served, %d refused by the front server, %d identifiers kept" % (served, refused, kept))
         self.assertGreater(served, 0)
 
-        # Still alive and tracing.
-        mark = uuid.uuid4().hex
-        r = curl(self.server.url("/index.php?m=" + mark))
-        self.assertEqual(200, r.status)
-        entry, _ = self.server.traces.wait_trace(lambda e: mark in e.get("URL", ""))
-        self.assertIsNotNone(entry)
+        mark = uuid.uuid4().hex  # still alive and tracing
+        self.assertEqual(200, curl(self.server.url("/index.php?m=" + mark)).status)
+        self.assertIsNotNone(self.server.traces.wait_trace(lambda e: mark in e.get("URL", ""))[0])
         # Every document whole, keys and strings UTF-8 (the decoder is strict).
         self.assertGreater(len(self.server.traces.documents()), served)
         self.assertEqual([], self.server.crashes())
 
 
-class FpmFuzz(FuzzCases, unittest.TestCase):
+class FpmFuzz(FuzzCases, ServerCase):
     SERVER = harness.FpmServer
 
-    @classmethod
-    def setUpClass(cls):
-        if cls.SERVER is harness.FpmServer and harness.CURRENT_PHP.fpm is None:
-            raise unittest.SkipTest("no php-fpm for this PHP build")
-        cls.server = cls.SERVER(harness.CURRENT_PHP).start()
-        cls.addClassCleanup(cls.server.stop)
 
-
-class BuiltinFuzz(FpmFuzz):
+class BuiltinFuzz(FuzzCases, ServerCase):
     SERVER = harness.BuiltinServer
 
 
@@ -254,8 +240,7 @@ class ValgrindFuzz(unittest.TestCase):
                 r = curl(server.url("/index.php?vg=%d" % i), headers, timeout=60)
                 self.assertIn(r.status, (200, 400, 413, 431), "request %d" % i)
             process = server.processes[0]
-            # SIGINT: the built-in server exits normally, so valgrind's exit code tells.
-            process.send_signal(signal.SIGINT)
+            process.send_signal(signal.SIGINT)  # a normal exit: valgrind's exit code tells
             code = process.wait(timeout=120)
             with open(server.stderr_path, errors="replace") as handle:
                 report = handle.read()
