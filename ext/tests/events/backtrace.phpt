@@ -59,9 +59,7 @@ echo count(vesk_decode(bdown(300))[0]), " frames\n";
 echo preg_replace('/z{1024}/', 'z{1024}', json_encode(vesk_decode(corvidine_test_args_bson(1, [3], str_repeat('z', 1030), null, 2.5))[0])), "\n";
 
 // return-value records
-foreach ([true, -42, 2.5, "a\0b", null, []] as $v) {
-    echo json_encode(corvidine_test_retval_kv($v)), ' ';
-}
+foreach ([true, -42, 2.5, "a\0b", null, []] as $v) { echo json_encode(corvidine_test_retval_kv($v)), ' '; }
 echo "\n", corvidine_test_retval_kv($fh)[2] === (int)$fh && corvidine_test_retval_kv($o = new stdClass)[2] === spl_object_id($o) ? "ids\n" : "WRONG IDS\n";
 ?>
 --EXPECTF--

@@ -8,10 +8,7 @@ memory_limit=512M
 --FILE--
 <?php
 require __DIR__ . '/../support/child.inc';
-function show($value): void
-{
-    echo vesk_show(vesk_decode(corvidine_test_to_bson($value)[1])[0]), "\n";
-}
+function show($value): void { echo vesk_show(vesk_decode(corvidine_test_to_bson($value)[1])[0]), "\n"; }
 class Base { private $secret = 'base'; }
 #[AllowDynamicProperties]
 class Item extends Base { public $name = 'pub'; protected $level = 2; public int $unset; public ?Item $next = null; }
@@ -55,14 +52,8 @@ echo implode(',', array_column($doc, 0)), ' ', strlen($bytes) <= 16000000 && str
 unset($big, $bytes, $doc);
 
 // nesting and chains of objects end in null 128 levels down
-for ($nest = 'bottom', $i = 0; $i < 300; $i++) {
-    $nest = [$nest];
-}
-for ($head = null, $i = 0; $i < 20000; $i++) {
-    $node = new stdClass;
-    $node->next = $head;
-    $head = $node;
-}
+for ($nest = 'bottom', $i = 0; $i < 300; $i++) { $nest = [$nest]; }
+for ($head = null, $i = 0; $i < 20000; $i++) { $node = new stdClass; $node->next = $head; $head = $node; }
 $arrays = json_encode(vesk_decode(corvidine_test_to_bson($nest)[1])[0]);
 $objects = json_encode(vesk_decode(corvidine_test_to_bson(['list' => $head])[1])[0]);
 echo substr_count($arrays, '["array"') + 1, ':', str_contains($arrays, 'bottom') ? 'bottom' : 'null', ' ',
