@@ -1,5 +1,4 @@
-"""Threads of one ZTS process serving requests at once (zts/threads.c, a threaded SAPI on libphp), each with
-its own transaction settings file: every request answered, every rule held, all traces whole and joined up."""
+"""Threads of one ZTS process (zts/threads.c) serving requests at once: every rule held, traces whole, joined up."""
 import collections
 import os
 import re
@@ -14,11 +13,15 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 THREADS = int(os.environ.get("CORVIDINE_ZTS_THREADS", "8"))
 REQUESTS = int(os.environ.get("CORVIDINE_ZTS_REQUESTS", "40"))
 
-RULES = """[off]
-type = url
-regexp = ".*/off"
-tracing = disabled
-"""
+RULES = '[off]\ntype = url\nregexp = ".*/off"\ntracing = disabled\n'
+
+
+def events_by_task(traces):
+    by_task = collections.defaultdict(list)
+    for event in harness.bson_tools.decode_file(traces):
+        if "Label" in event and not event.get("__Init"):
+            by_task[event["X-Trace"][2:42]].append(event)
+    return by_task
 
 
 class ThreadedServer(unittest.TestCase):
@@ -33,13 +36,13 @@ class ThreadedServer(unittest.TestCase):
                  if os.path.exists(p)]
         if not found:
             raise unittest.SkipTest("no libphp.so (embed SAPI) in %s" % prefix)
-        libphp = found[0]
+        libdir = os.path.dirname(found[0])
         cls.dir = tempfile.mkdtemp(prefix="corvidine-it-threads-")
         includes = subprocess.run([config, "--includes"], capture_output=True, text=True, check=True).stdout.split()
         cls.binary = os.path.join(cls.dir, "threads")
         subprocess.run(["cc", "-O1", "-g", "-Wall", "-o", cls.binary, os.path.join(HERE, "zts", "threads.c")] +
-                       includes + ["-L" + os.path.dirname(libphp), "-lphp", "-Wl,-rpath," + os.path.dirname(libphp),
-                                   "-lpthread"], check=True, capture_output=True)
+                       includes + ["-L" + libdir, "-lphp", "-Wl,-rpath," + libdir, "-lpthread"],
+                       check=True, capture_output=True)
 
     @classmethod
     def tearDownClass(cls):
@@ -68,7 +71,7 @@ class ThreadedServer(unittest.TestCase):
         self.assertIn("requests %d answered %d sampled-headers %d unsampled-headers %d wrong-flags 0"
                       % (total, total, sampled, total - sampled), result.stdout)
 
-        events = [d for d in harness.bson_tools.decode_file(traces) if "Label" in d and not d.get("__Init")]
+        events = [e for task in events_by_task(traces).values() for e in task]
         entries = [e for e in events if e["Label"] == "entry"]
         exits = {e["X-Trace"][2:42]: e for e in events if e["Label"] == "exit"}
         self.assertEqual(sampled, len(entries))
@@ -91,11 +94,7 @@ class ThreadedServer(unittest.TestCase):
             "CORVIDINE_THREADS_CODE": code,
             "CORVIDINE_THREADS_INI": "corvidine.internal_test_hooks=1\ncorvidine.log_trace_id=enabled"})
         self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
-        work = os.path.dirname(traces)
-        by_task = collections.defaultdict(list)
-        for event in harness.bson_tools.decode_file(traces):
-            if "Label" in event and not event.get("__Init"):
-                by_task[event["X-Trace"][2:42]].append(event)
+        work, by_task = os.path.dirname(traces), events_by_task(traces)
         entries = {e["URL"]: task for task, events in by_task.items() for e in events if e["Label"] == "entry"
                    and e.get("Layer") == "PHP"}
         seen = set()
@@ -131,7 +130,7 @@ class ThreadedServer(unittest.TestCase):
         result, traces = self.run_threads(extra_env={"CORVIDINE_THREADS_CODE": self.PROFILED_CODE,
                                                       "CORVIDINE_THREADS_INI": "corvidine.enable_profiling=1"})
         self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
-        events = [d for d in harness.bson_tools.decode_file(traces) if "Label" in d and not d.get("__Init")]
+        events = [e for task in events_by_task(traces).values() for e in task]
         trace_exits = [e for e in events if e["Label"] == "exit" and e.get("Spec") != "profiling"]
         sampled = THREADS * ((REQUESTS + 1) // 2)
         self.assertEqual(sampled, len(trace_exits))
@@ -143,8 +142,7 @@ class ThreadedServer(unittest.TestCase):
         self.assertEqual(sorted(e["X-Trace"][2:42] for e in trace_exits), sorted(profile))
         tids, names = set(), set()
         for task, span in profile.items():
-            self.assertEqual("entry", span[0]["Label"], task)
-            self.assertEqual("exit", span[-1]["Label"], task)
+            self.assertEqual(("entry", "exit"), (span[0]["Label"], span[-1]["Label"]), task)
             infos = [e for e in span if e["Label"] == "info"]
             self.assertEqual(1, len({i["TID"] for i in infos}), "one request, one thread: %s" % task)
             tids.update(i["TID"] for i in infos)
@@ -153,9 +151,7 @@ class ThreadedServer(unittest.TestCase):
         self.assertTrue({"crunch", "pause", "usleep"} <= names, names)
 
     def test_database_calls_per_thread(self):
-        """PDO on SQLite and (with mariadb-server) a mysqli statement prepared
-        and executed on every thread at once: each traced request's database
-        events carry its own queries and bound values, untraced ones have none."""
+        """PDO on SQLite (and mysqli with mariadb-server) on every thread at once: each trace has its own queries."""
         code = ("preg_match('~^/t(\\d+)/r(\\d+)~', $_SERVER['REQUEST_URI'], $m);"
                 "$db = new PDO('sqlite::memory:'); $db->exec('CREATE TABLE t (a)');"
                 "$db->prepare('INSERT INTO t VALUES (?)')->execute([\"t{$m[1]}\"]);"
@@ -171,11 +167,7 @@ class ThreadedServer(unittest.TestCase):
             if server:
                 server.stop()
         self.assertEqual(0, result.returncode, result.stdout + result.stderr[-3000:])
-        by_task = collections.defaultdict(list)
-        for event in harness.bson_tools.decode_file(traces):
-            if "Label" in event and not event.get("__Init"):
-                by_task[event["X-Trace"][2:42]].append(event)
-        by_url = {e["URL"]: events for events in by_task.values() for e in events
+        by_url = {e["URL"]: events for events in events_by_task(traces).values() for e in events
                   if e["Label"] == "entry" and e.get("Layer") == "PHP"}
         for t in range(THREADS):
             for r in range(REQUESTS):

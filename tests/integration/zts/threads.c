@@ -1,20 +1,6 @@
-/*
- * A small threaded SAPI on the ZTS PHP library (libphp.so): THREADS threads
- * each serve REQUESTS requests at once, as a threaded web server would, with
- * the extension loaded. Each thread has its own transaction settings file
- * (set per request the way a per-directory value is), so that first reads of
- * different files, lookups and insertions into the process-wide cache run at
- * the same time. Every odd request is ruled out by its file.
- *
- *   threads EXTENSION SETTINGS-DIR THREADS REQUESTS
- *
- * CORVIDINE_THREADS_CODE, when set, is the PHP code each request runs (else
- * an echo), and CORVIDINE_THREADS_INI more INI lines for the process.
- *
- * Prints "requests N answered N sampled-headers N unsampled-headers N" and
- * exits 0 when every request was answered with an X-Trace header whose flags
- * match the rule.
- */
+/* threads EXTENSION SETTINGS-DIR THREADS REQUESTS: a threaded SAPI on libphp.so (ZTS). Each thread serves its
+ * requests at once with a settings file of its own (odd requests ruled out); CORVIDINE_THREADS_CODE is the code
+ * a request runs, CORVIDINE_THREADS_INI more INI lines. Prints the counts; exits 0 when every X-Trace flag fits. */
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -39,10 +25,7 @@ static __thread char xtrace_flags[3];
 static pthread_mutex_t counts_lock = PTHREAD_MUTEX_INITIALIZER;
 static int answered, sampled_headers, unsampled_headers, wrong_flags;
 
-static size_t threads_ub_write(const char *str, size_t length) {
-    (void)str;
-    return length; /* the page's body is not looked at */
-}
+static size_t threads_ub_write(const char *str, size_t length) { (void)str; return length; }
 
 static void threads_flush(void *context) { (void)context; }
 
@@ -83,35 +66,16 @@ static int threads_deactivate(void) { return SUCCESS; }
 
 static char *threads_read_cookies(void) { return NULL; }
 
-static void threads_log_message(const char *message, int syslog_type) {
-    (void)syslog_type;
-    fprintf(stderr, "%s\n", message);
-}
+static void threads_log_message(const char *message, int type) { (void)type; fprintf(stderr, "%s\n", message); }
 
 static int threads_startup(sapi_module_struct *module) { return php_module_startup(module, NULL); }
 
 static sapi_module_struct threads_module = {
-    "corvidine-threads",
-    "corvidine threaded test server",
-    threads_startup,
-    php_module_shutdown_wrapper,
-    threads_activate,
-    threads_deactivate,
-    threads_ub_write,
-    threads_flush,
-    NULL, /* get uid */
-    NULL, /* getenv */
-    php_error,
-    NULL, /* header handler */
-    NULL, /* send headers: each header goes to send_header */
-    threads_send_header,
-    NULL, /* read POST */
-    threads_read_cookies,
-    threads_register_variables,
-    threads_log_message,
-    NULL, /* get request time */
-    NULL, /* terminate process */
-    STANDARD_SAPI_MODULE_PROPERTIES,
+    "corvidine-threads", "corvidine threaded test server", threads_startup, php_module_shutdown_wrapper,
+    threads_activate, threads_deactivate, threads_ub_write, threads_flush, NULL /* get uid */, NULL /* getenv */,
+    php_error, NULL /* header handler */, NULL /* send headers: each goes to send_header */, threads_send_header,
+    NULL /* read POST */, threads_read_cookies, threads_register_variables, threads_log_message,
+    NULL /* get request time */, NULL /* terminate process */, STANDARD_SAPI_MODULE_PROPERTIES,
 };
 
 static void *serve(void *argument) {
@@ -133,16 +97,11 @@ static void *serve(void *argument) {
 
         pthread_mutex_lock(&counts_lock);
         if (saw_xtrace) {
+            int sampled = strcmp(xtrace_flags, "01") == 0;
             answered++;
-            int expect_sampled = request_number % 2 == 0;
-            if (strcmp(xtrace_flags, "01") == 0) {
-                sampled_headers++;
-            } else {
-                unsampled_headers++;
-            }
-            if (expect_sampled != (strcmp(xtrace_flags, "01") == 0)) {
-                wrong_flags++;
-            }
+            sampled_headers += sampled;
+            unsampled_headers += !sampled;
+            wrong_flags += sampled != (request_number % 2 == 0);
         }
         pthread_mutex_unlock(&counts_lock);
     }
@@ -156,9 +115,7 @@ int main(int argc, char **argv) {
         return 2;
     }
     settings_dir = argv[2];
-    if (getenv("CORVIDINE_THREADS_CODE") != NULL) {
-        request_code = getenv("CORVIDINE_THREADS_CODE");
-    }
+    request_code = getenv("CORVIDINE_THREADS_CODE") ? getenv("CORVIDINE_THREADS_CODE") : request_code;
     const char *more_ini = getenv("CORVIDINE_THREADS_INI") ? getenv("CORVIDINE_THREADS_INI") : "";
     int threads = atoi(argv[3]);
     requests_per_thread = atoi(argv[4]);
