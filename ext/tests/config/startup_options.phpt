@@ -56,8 +56,7 @@ foreach ($cases as [$entry, $value, $expected]) {
         count(vesk_inits($r['docs'])), implode(' ', $m[1])));
     echo $shown === $expected ? '' : "$entry='$value': $shown\n";
 }
-// No reporter (an unknown name) never becomes ready, so every wait runs out; the file
-// reporter installs its settings at once. Upper bounds only tell "waited" from "did not".
+// An unknown reporter is never ready (every wait runs out), the file reporter at once; bounds tell waited or not.
 foreach ([['-1', 'none', 0, 1.5], ['0', 'none', 2.0, 9], ['300', 'none', 0.3, 1.9], ['0', 'file', 0, 1.5]] as [$wait, $reporter, $min, $max]) {
     $t = hrtime(true);
     vesk_child('<?php ', ['corvidine.enable_cli' => 1, 'corvidine.max_ready_wait_time' => $wait], ['CORVIDINE_REPORTER' => $reporter]);

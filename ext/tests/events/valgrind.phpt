@@ -53,9 +53,7 @@ $r = vesk_exec(['/usr/bin/valgrind', '--error-exitcode=99', '--leak-check=full',
     '-d', 'corvidine.max_ready_wait_time=-1', '-d', 'memory_limit=-1', "$dir/work.php"],
     ['USE_ZEND_ALLOC' => '0', 'ZEND_DONT_UNLOAD_MODULES' => '1', 'CORVIDINE_REPORTER' => 'file', 'CORVIDINE_COLLECTOR' => "$dir/events.bson"]);
 echo trim($r['out']), ", exit status {$r['status']}\n";
-if ($r['status'] !== 0) {
-    echo $r['err'], file_get_contents("$dir/valgrind.log");
-}
+if ($r['status'] !== 0) { echo $r['err'], file_get_contents("$dir/valgrind.log"); }
 echo count(vesk_decode(file_get_contents("$dir/events.bson"))), " documents, all readable\n";
 array_map('unlink', glob("$dir/*"));
 rmdir($dir);

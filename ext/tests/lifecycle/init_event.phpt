@@ -30,8 +30,7 @@ foreach ([['corvidine.so_file' => 'no-such-file.so'], ['corvidine.enable' => 0],
         vesk_field(vesk_inits($docs)[0] ?? [], 'PHP.InstallTimestamp')[1] ?? '-', "\n";
 }
 
-// PHP.LastRestart: a worker started with its parent's command line reports the parent's start
-// The parent's /proc entry is made (and held open) seconds before either child starts.
+// PHP.LastRestart: a child started with its parent's command line reports the parent's start (made seconds before)
 $r = vesk_child(<<<'PHP'
 <?php
 if (getenv('ROLE') !== 'parent') return;

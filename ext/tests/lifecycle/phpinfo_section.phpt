@@ -12,8 +12,7 @@ $r = vesk_run(['corvidine.enable_cli' => 1, 'corvidine.service_key' => 'secret-t
                'corvidine.sample_rate' => 250000],
     vesk_file_reporter($file) + ['CORVIDINE_EVENTS_FLUSH_INTERVAL' => '9'], 'phpinfo(INFO_MODULES);');
 @unlink($file);
-// The corvidine section: from its title to the first directive after it.
-preg_match('/^corvidine\n.*?^corvidine\.xtrace => .*?$/ms', $r['out'], $m);
+preg_match('/^corvidine\n.*?^corvidine\.xtrace => .*?$/ms', $r['out'], $m);   // the section, to its last directive
 // Without a local rate, the rate and source of the reporter's default record.
 $plain = vesk_run(['corvidine.enable_cli' => 1], vesk_file_reporter($file), 'phpinfo(INFO_MODULES);');
 @unlink($file);

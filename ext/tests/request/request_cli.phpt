@@ -59,9 +59,7 @@ unlink($rules);
 echo count($cases), " cases done\n";
 
 foreach (['start' => null, 'after ini_set' => '9', 'again' => 'x:1'] as $when => $key) {
-    if ($key !== null) {
-        ini_set('corvidine.service_key', $key);
-    }
+    if ($key !== null) { ini_set('corvidine.service_key', $key); }
     $entries = corvidine_test_request_ini();
     $mismatch = array_filter($entries, fn($v) => [$v['long'], $v['on'], $v['str']] !== [$v['by_name_long'], $v['by_name_on'], $v['by_name_str']]);
     $v = $entries['corvidine.service_key'];
