@@ -1,6 +1,4 @@
-"""A sample of php-src's own .phpt (Debian's php8.2 source) run twice by run-tests.php, without the extension
-and with it tracing every CLI run (also without "S" in variables_order, and with opcache preloading): each
-test must end the same way. The tree is tools/php-zts/build.sh's (else apt-get source; PHP_SRC names another)."""
+"""A sample of php-src's own .phpt run without the extension and with it tracing: each must end the same way."""
 import glob
 import os
 import re
@@ -11,8 +9,7 @@ import unittest
 
 import harness
 
-# Where tools/php-zts/build.sh unpacks the source, and where this test
-# fetches it (once) when that is not there.
+# tools/php-zts/build.sh's source tree, else one apt-get source fetches (PHP_SRC names another).
 SRC_CACHES = ["/opt/corvidine/src/php8.2-zts", "/opt/corvidine/src/php8.2-tests"]
 SAMPLE = ["tests/basic", "tests/lang", "tests/output", "tests/func", "Zend/tests/globals_00*.phpt",
           "ext/opcache/tests/preload*.phpt", "ext/standard/tests/general_functions/getopt*.phpt"]
@@ -32,8 +29,7 @@ def php_source():
 
 
 def copy_sample(src, target):
-    """The sample's tests and the files beside them, in a tree of their own:
-    run-tests.php writes its .out and .diff files next to each test."""
+    """The sample and the files beside it in a tree of its own (run-tests.php writes beside each test)."""
     tests = [p for pattern in SAMPLE for p in sorted(glob.glob(os.path.join(src, pattern)))]
     tests = [os.path.join(d, f) for t in tests for d, _, fs in (os.walk(t) if os.path.isdir(t) else [("", 0, [t])])
              for f in fs if f.endswith(".phpt")]
