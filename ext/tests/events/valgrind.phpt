@@ -13,10 +13,8 @@ $work = <<<'PHP'
 class Node { public $next; protected $p = 'x'; private $q = [1]; public int $unset; }
 function deep(int $n, callable $f) { return $n === 0 ? $f() : deep($n - 1, $f); }
 $fh = fopen('php://memory', 'r');
-$self = ['a' => 1];
-$self['me'] = &$self;
-$node = new Node;
-$node->next = $node;
+$self = ['a' => 1]; $self['me'] = &$self;
+$node = new Node; $node->next = $node;
 for ($nest = 'bottom', $i = 0; $i < 300; $i++) { $nest = [$nest, 'k' => $i]; }
 for ($chain = null, $i = 0; $i < 2000; $i++) { $n = new Node; $n->next = $chain; $chain = $n; }
 $values = [[null, true, 1.5, "a\0b", str_repeat('s', 3000), $fh], [1 => 'a'], fn() => 1, (array)new Node, $self, $node, $nest, $chain];
@@ -46,11 +44,9 @@ PHP;
 $dir = sys_get_temp_dir() . '/corvidine-valgrind-' . getmypid();
 @mkdir($dir);
 file_put_contents("$dir/work.php", $work);
-preg_match('~\s(/\S*corvidine\.so)\n~', file_get_contents('/proc/self/maps'), $m);
-$r = vesk_exec(['/usr/bin/valgrind', '--error-exitcode=99', '--leak-check=full', '--errors-for-leak-kinds=definite',
-    '--track-origins=yes', "--log-file=$dir/valgrind.log", PHP_BINARY, '-n', '-d', "extension=$m[1]",
-    '-d', 'corvidine.internal_test_hooks=1', '-d', 'corvidine.enable_cli=1', '-d', 'corvidine.enable=0',
-    '-d', 'corvidine.max_ready_wait_time=-1', '-d', 'memory_limit=-1', "$dir/work.php"],
+$r = vesk_exec(array_merge(['/usr/bin/valgrind', '--error-exitcode=99', '--leak-check=full', '--errors-for-leak-kinds=definite',
+    '--track-origins=yes', "--log-file=$dir/valgrind.log"], vesk_command(['corvidine.internal_test_hooks' => 1,
+    'corvidine.enable_cli' => 1, 'corvidine.enable' => 0, 'corvidine.max_ready_wait_time' => -1, 'memory_limit' => -1], ["$dir/work.php"])),
     ['USE_ZEND_ALLOC' => '0', 'ZEND_DONT_UNLOAD_MODULES' => '1', 'CORVIDINE_REPORTER' => 'file', 'CORVIDINE_COLLECTOR' => "$dir/events.bson"]);
 echo trim($r['out']), ", exit status {$r['status']}\n";
 if ($r['status'] !== 0) { echo $r['err'], file_get_contents("$dir/valgrind.log"); }
