@@ -140,8 +140,7 @@ class Sampled:
             self.assertNotIn("TriggeredTrace", entry)
 
     def test_trigger_trace_with_good_signature(self):
-        mark = marker()
-        options = "trigger-trace;ts=%d;custom-k=v" % int(time.time())
+        mark, options = marker(), "trigger-trace;ts=%d;custom-k=v" % int(time.time())
         sig = openssl_signature(options)
         self.assertEqual(signature(options), sig)
         r = self.get("/index.php?m=" + mark, {"X-Trace-Options": options, "X-Trace-Options-Signature": sig})
@@ -152,9 +151,7 @@ class Sampled:
         self.assertEqual(exit_["X-Trace"], r.header("X-Trace"))
 
     def test_failed_signatures_end_the_answer_and_stop_tracing(self):
-        now = int(time.time())
-        good = "trigger-trace;ts=%d" % now
-        stale = "trigger-trace;ts=%d" % (now - 1000)
+        good, stale = ("trigger-trace;ts=%d" % (int(time.time()) - age) for age in (0, 1000))
         cases = {
             "wrong key": (good, "0" * 40, "auth=bad-signature"),
             "upper-case hex": (good, signature(good).upper(), "auth=bad-signature"),
@@ -265,8 +262,7 @@ class TransactionSettings:
 
     def test_unknown_mode_warns_and_falls_back(self):
         mark = marker()
-        r = self.get("/index.php?odd=1&m=" + mark)
-        self.assertEqual("01", flags_of(r.header("X-Trace")))
+        self.assertEqual("01", flags_of(self.get("/index.php?odd=1&m=" + mark).header("X-Trace")))
         self.traced(mark)
         self.assertIn("Unknown tracing mode 'sometimes' in file '%s'" % RULES, self.server.php_errors())
 
