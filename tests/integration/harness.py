@@ -254,6 +254,8 @@ def curl(url, headers=None, timeout=10):
         raise RuntimeError("curl failed (%d): %s" % (result.returncode, result.stderr[-300:]))
     head = result.stdout.decode("latin-1")
     blocks = [b for b in re.split(r"\r\n\r\n", head) if b.strip()]
+    if not blocks:
+        raise RuntimeError("curl got no response headers: %r %r" % (head[-200:], result.stderr[-300:]))
     lines = blocks[-1].split("\r\n")
     status = int(lines[0].split()[1])
     parsed = {}

@@ -90,7 +90,10 @@ def traced_requests(c, fpm, count, marker):
         if len(found) >= count:
             return found
         if sent < count or sent < len(found) + count + 5:
-            curl(fpm.url("/index.php?%s=%d" % (marker, sent)))
+            try:
+                curl(fpm.url("/index.php?%s=%d" % (marker, sent)))
+            except RuntimeError as e:  # counted by what arrives; a dead worker fails the test at its end
+                print("request without an answer: %s" % e)
             sent += 1
         time.sleep(0.2)
     return []
@@ -173,6 +176,7 @@ class CollectorReporter(unittest.TestCase):
             for i in range(5):
                 self.assertEqual(200, curl(fpm.url("/index.php?hole=%d" % i)).status)
             c.stop()
+            self.assertEqual([], fpm.crashes())
         finally:
             fpm.stop()
 
