@@ -16,7 +16,8 @@ NTS_EXTENSIONS = ["ctype", "mbstring", "tokenizer", "pdo", "pdo_sqlite"]
 
 class Laravel8Server(harness.FpmServer):
     def __init__(self, php, ini=None, env=None, children=1, load_module=True):
-        full_ini = {"include_path": ".:/usr/share/php", "zend_extension": "opcache", "opcache.enable": "1"}
+        full_ini = {"include_path": ".:/usr/share/php", "zend_extension": "opcache", "opcache.enable": "1",
+                    "corvidine.enable_laravel_tracing": "1"}
         if php.flavour == "nts":
             full_ini["extension"] = NTS_EXTENSIONS
         full_ini.update(ini or {})

@@ -12,7 +12,7 @@ import laravel_app
 
 LARAVEL = os.path.join(harness.HERE, "laravel")
 FIXTURE = os.path.join(LARAVEL, "fixture")
-CLI_INI = {"corvidine.enable_cli": "1"}
+CLI_INI = {"corvidine.enable_cli": "1", "corvidine.enable_laravel_tracing": "1"}
 
 # The fixture's HTTP request, as every table sees it; the span of an [class, method] listener is only in Laravel 8's.
 HTTP_BEFORE_LISTENERS = [

@@ -77,7 +77,9 @@ PHP_INI_BEGIN()
     PHP_INI_ENTRY("corvidine.enable_memcached_hosts", "1", PHP_INI_ALL, NULL)
     PHP_INI_ENTRY("corvidine.use_custom_start_trace", "0", VESK_PERDIR, NULL)
     PHP_INI_ENTRY("corvidine.xtrace", "", VESK_PERDIR, NULL)
-    PHP_INI_ENTRY("corvidine.enable_laravel_tracing", "1", VESK_PERDIR, NULL)
+    /* Off unless asked for: the call observer it needs makes PHP 8.2 set up run-time
+     * caches for every internal function on every request, Laravel or not. */
+    PHP_INI_ENTRY("corvidine.enable_laravel_tracing", "0", VESK_PERDIR, NULL)
     PHP_INI_ENTRY("corvidine.laravel_enable_backtrace", "0", VESK_PERDIR, NULL)
     PHP_INI_ENTRY("corvidine.enable", "1", VESK_PERDIR, NULL)
     PHP_INI_ENTRY("corvidine.enable_profiling", "0", VESK_PERDIR, NULL)

@@ -8,11 +8,11 @@ corvidine
 <?php
 require __DIR__ . '/../support/child.inc';
 $jit = ['zend_extension' => 'opcache', 'opcache.enable_cli' => 1, 'opcache.jit' => 'tracing', 'opcache.jit_buffer_size' => '64M'];
-$ini = ['corvidine.enable_cli' => 1];
+$ini = ['corvidine.enable_cli' => 1, 'corvidine.enable_laravel_tracing' => 1];  // the call observer registered
 $s = vesk_child('<?php $s = opcache_get_status(false); echo json_encode([$s["jit"]["enabled"] ?? null, $s["jit"]["on"] ?? null]);', $ini + $jit);
 echo "JIT enabled and on: {$s['out']}{$s['err']}, function hooks: ", vesk_info_rows(vesk_child(null, $ini + $jit)['out'])['function hooks'] ?? '?', "\n";
 echo "function hooks, Laravel tracing off: ",
-     vesk_info_rows(vesk_child(null, $ini + $jit + ['corvidine.enable_laravel_tracing' => 0])['out'])['function hooks'] ?? '?', "\n";
+     vesk_info_rows(vesk_child(null, ['corvidine.enable_laravel_tracing' => 0] + $ini + $jit)['out'])['function hooks'] ?? '?', "\n";
 // Recursion, exceptions through frames, generators, closures, internal
 // callbacks, fibers, a deep stack: the same with the extension or without,
 // with the JIT or without (whatever hooks the features install).

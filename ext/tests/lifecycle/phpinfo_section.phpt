@@ -42,7 +42,7 @@ reporter ready => yes
 trigger trace => not set
 debug log level => error
 thread safety => %s
-function hooks => observer API, 1 watcher(s)
+function hooks => none (no feature watches calls)
 
 %wstart-up options (environment over INI)%w
 reporter => file
