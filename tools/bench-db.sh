@@ -18,13 +18,7 @@ ROUNDS=${2:-5}
 QUERIES=${3:-10000}
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-SO=$("$ROOT/tools/test-ext.sh" "$FLAVOUR" --build-only | tail -n1)
-if [ "$FLAVOUR" = zts ]; then
-  . "$ROOT/tools/php-zts/env.sh"
-  PHP=$PHP_ZTS_BIN
-else
-  PHP=$(/usr/bin/php-config8.2 --php-binary)
-fi
+. "$ROOT/tools/bench-php.sh"  # SO and PHP
 
 WORK=$(mktemp -d /tmp/corvidine-bench-db.XXXXXX)
 trap 'rm -rf "$WORK"' EXIT
