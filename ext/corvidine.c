@@ -10,6 +10,10 @@
 #include "src/lifecycle/request.h"
 #include "src/wrap/wrap_list.h"
 
+/* The user API's argument information and function table, generated from
+ * corvidine.stub.php (tools/gen-arginfo.sh); the functions are in src/api. */
+#include "corvidine_arginfo.h"
+
 ZEND_DECLARE_MODULE_GLOBALS(vesk)
 
 #if defined(ZTS) && defined(COMPILE_DL_CORVIDINE)
@@ -58,10 +62,6 @@ static PHP_MINFO_FUNCTION(vesk) {
     php_vesk_info(zend_module);
 }
 
-/* The functions offered to PHP code join this table with their features
- * (the wrappers need no entries here: see src/wrap/wrap.h). */
-static const zend_function_entry vesk_functions[] = {PHP_FE_END};
-
 /* The modules whose functions are wrapped start before this one. */
 #define PHP_VESK_WRAP_DEPENDENCY(id, switch_name, module, span, test_only) ZEND_MOD_OPTIONAL(module)
 static const zend_module_dep vesk_deps[] = {PHP_VESK_WRAP_FAMILIES(PHP_VESK_WRAP_DEPENDENCY) ZEND_MOD_END};
@@ -72,7 +72,7 @@ zend_module_entry vesk_module_entry = {
     NULL,
     vesk_deps,
     PHP_CORVIDINE_EXTNAME,
-    vesk_functions,
+    ext_functions, /* the wrappers need no entries here: see src/wrap/wrap.h */
     PHP_MINIT(vesk),
     PHP_MSHUTDOWN(vesk),
     PHP_RINIT(vesk),

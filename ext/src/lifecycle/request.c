@@ -26,6 +26,10 @@ int php_vesk_request_inactive(void) {
  * (both entries are per-directory, so they cannot change in between). */
 ZEND_TLS int php_vesk_request_active;
 
+int php_vesk_request_is_active(void) {
+    return php_vesk_request_active;
+}
+
 /* The last key seen on this thread, the names it was compared with, and the
  * service it made ("" for none): the key seldom changes between requests. */
 ZEND_TLS char php_vesk_last_service_key[PHP_VESK_SERVICE_KEY_SIZE];

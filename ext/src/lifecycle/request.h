@@ -11,4 +11,8 @@ zend_result php_vesk_request_shutdown(void);
  * off, corvidine.enable off, or a module start that stopped early. */
 int php_vesk_request_inactive(void);
 
+/* 1 from the start of a request whose callbacks run until its end: the
+ * user API has a request to drive only then. */
+int php_vesk_request_is_active(void);
+
 #endif
