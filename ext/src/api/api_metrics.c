@@ -7,6 +7,7 @@
 #include "corvidine/custom_metric.h"
 
 #include "src/api/api.h"
+#include "src/lifecycle/module.h"
 
 /* The tags array as {key, value} pairs. Integer keys and scalar values are
  * taken in their string form (kept in `strings`); an element whose value is
@@ -59,6 +60,11 @@ static void php_vesk_custom_metric(zval *return_value, zend_string *name, int su
                                    zend_long count, zend_bool host_tag, zend_string *service, HashTable *tags) {
     if (ZSTR_LEN(name) == 0) {
         zend_error(E_WARNING, "%s() expects name to not be an empty string", get_active_function_name());
+        RETURN_FALSE;
+    }
+    /* Without a started core there is no reporter to take it (and asking
+     * would set one up). */
+    if (php_vesk_module_state_get() != PHP_VESK_STARTED) {
         RETURN_FALSE;
     }
     const char *service_name = service != NULL && ZSTR_LEN(service) > 0 ? ZSTR_VAL(service) : NULL;

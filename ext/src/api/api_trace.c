@@ -11,6 +11,7 @@
 
 #include "src/api/api.h"
 #include "src/laravel/dispatch.h"
+#include "src/lifecycle/module.h"
 #include "src/lifecycle/request.h"
 #include "src/profiler/profiler.h"
 #include "src/request/request_ini.h"
@@ -204,6 +205,11 @@ PHP_FUNCTION(corvidine_is_ready) {
     zend_long timeout = 0;
     if (zend_parse_parameters(ZEND_NUM_ARGS(), "|l", &timeout) == FAILURE) {
         RETURN_THROWS();
+    }
+    /* Without a started core there is no reporter to ask (and asking would
+     * set one up). */
+    if (php_vesk_module_state_get() != PHP_VESK_STARTED) {
+        RETURN_FALSE;
     }
     /* A negative wait is none; the core takes an unsigned count of ms. */
     unsigned wait_ms = timeout <= 0 ? 0 : (zend_ulong)timeout > UINT_MAX ? UINT_MAX : (unsigned)timeout;
