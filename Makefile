@@ -7,7 +7,7 @@ PYTHON ?= /usr/bin/python3
 
 TSAN_BUILD ?= build-tsan
 
-.PHONY: coverage bench-core bench-collector bench-ext bench-http all deps build build-asan build-tsan run test test-unit test-tsan test-wire bench clean check-core-isolation
+.PHONY: coverage bench-core bench-collector bench-ext bench-http all deps build build-asan build-tsan run test test-unit test-tsan test-wire bench clean check-core-isolation arginfo check-arginfo
 
 all: build
 
@@ -36,6 +36,14 @@ check-core-isolation:
 	  echo "core and reporters/metrics must not include Thrift headers (they belong in reporters/collector)" >&2; exit 1; fi
 	@if grep -rnE '#\s*include\s*[<"](sys/socket|netinet/|arpa/)' reporters/metrics; then \
 	  echo "reporters/metrics must not include socket headers" >&2; exit 1; fi
+
+# The user API's argument information (ext/corvidine_arginfo.h) from
+# ext/corvidine.stub.php: regenerate after an edit of the stub / check it.
+arginfo: deps
+	@tools/gen-arginfo.sh
+
+check-arginfo: deps
+	@tools/gen-arginfo.sh --check
 
 run: deps
 	@tools/demo/run.sh

@@ -17,6 +17,8 @@ packages=(
 # and node with npm for hdr-histogram-js (a node that bundles npm needs no npm package).
 packages+=(openjdk-17-jdk-headless libhdrhistogram-java nodejs)
 command -v npm >/dev/null 2>&1 || packages+=(npm)
+# PHP-Parser for gen_stub.php (tools/gen-arginfo.sh: the user API's argument information).
+packages+=(php-parser)
 # The database wrappers' tests and benchmark: PHP's modules and a MariaDB server they start themselves.
 packages+=(php8.2-mysql php8.2-sqlite3 mariadb-server)
 # The key-value wrappers' tests: phpredis, php-memcached, predis and the servers they start themselves.

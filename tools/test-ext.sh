@@ -34,7 +34,7 @@ JOBS=${JOBS:-$(nproc)}
 log() { printf 'test-ext[%s]: %s\n' "$FLAVOUR" "$*"; }
 
 # --- packages the tests need ---------------------------------------------------
-packages=(php8.2-dev php8.2-cli php8.2-fpm php8.2-curl python3-bson nginx-light pkg-config libpcre2-dev libssl-dev)
+packages=(php8.2-dev php8.2-cli php8.2-fpm php8.2-curl python3-bson nginx-light pkg-config libpcre2-dev libssl-dev php-parser)
 packages+=(php8.2-mysql php8.2-sqlite3 mariadb-server) # database wrappers (integration tests, bench-db)
 packages+=(thrift-compiler libthrift-dev zlib1g-dev python3-thrift) # the Collector reporter's client
 packages+=(php8.2-redis php8.2-memcached php8.2-igbinary php8.2-msgpack php-predis redis-server memcached) # key-value wrappers (integration tests)
@@ -51,6 +51,9 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive apt-get update -qq
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
+
+# The user API's argument information must be what its stub gives.
+"$ROOT/tools/gen-arginfo.sh" --check >/dev/null
 
 # --- the PHP to build against ----------------------------------------------------
 if [ "$FLAVOUR" = nts ]; then
