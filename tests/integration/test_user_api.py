@@ -12,7 +12,7 @@ from harness import curl
 from test_collector_reporter import authority, documents, settings_answer, wait_for
 from collector import Collector, server_context  # noqa: E402 (path set by test_collector_reporter)
 
-CALLS = ("tracing", "log", "error", "exception")
+CALLS = ("tracing", "context", "entry", "log", "error", "exception", "exit")
 
 
 def page(fpm, query):
@@ -27,7 +27,7 @@ class UserApiFpm(unittest.TestCase):
 
     def test_traced_unsampled_and_custom_requests(self):
         # (INI, query, result of the event calls, layer/label of the events, transaction name, log id suffix)
-        events = ["api/step", "api/error", "api/error"]
+        events = ["api/entry", "api/step", "api/error", "api/error", "api/exit"]
         cases = (({}, "auto", True, ["PHP/entry"] + events + ["PHP/exit"], "api-tx", "-1"),
                  ({"corvidine.sample_rate": "0"}, "unsampled", False, [], None, "-0"),
                  ({"corvidine.use_custom_start_trace": "1"}, "custom", True, ["api/entry"] + events + ["api/exit"],
@@ -36,20 +36,22 @@ class UserApiFpm(unittest.TestCase):
             with self.subTest(query=query), harness.FpmServer(harness.CURRENT_PHP, ini) as fpm:
                 response, r = page(fpm, query)
                 self.assertEqual({c: result for c in CALLS}, {c: r[c] for c in CALLS})
-                self.assertEqual((True, False, False), (r["name"], r["summary"], r["increment"]))  # file: no metrics
+                self.assertEqual((True, True, False, False), (r["started"], r["name"], r["summary"], r["increment"]))  # file: no metrics
                 xtrace = response.header("X-Trace")
                 self.assertEqual(xtrace[2:42] + suffix, r["id"])
                 if not labels:
                     time.sleep(0.3)
                     self.assertEqual([], fpm.traces.by_task(xtrace[2:42]))
                     continue
-                entry, exit_ = fpm.traces.wait_trace(lambda e: "user_api" in e.get("URL", ""))
-                trace = fpm.traces.by_task(entry["X-Trace"][2:42])
+                entry, _ = fpm.traces.wait_trace(lambda e: "user_api" in e.get("URL", ""))
+                trace = wait_for(lambda: [e for e in [fpm.traces.by_task(entry["X-Trace"][2:42])] if len(e) >= len(labels)],
+                                 5)[0]
+                exit_ = trace[-1]
                 self.assertEqual(labels, ["%s/%s" % (e.get("Layer"), e["Label"]) for e in trace])
                 self.assertEqual(xtrace, exit_["X-Trace"])  # the response names the exit event
                 self.assertEqual(name, exit_["TransactionName"])
-                self.assertEqual(("WARNING", "bad"), (trace[2]["ErrorClass"], trace[2]["ErrorMsg"]))
-                self.assertEqual("RuntimeException", trace[3]["ErrorClass"])
+                self.assertEqual(("WARNING", "bad"), (trace[3]["ErrorClass"], trace[3]["ErrorMsg"]))
+                self.assertEqual("RuntimeException", trace[4]["ErrorClass"])
                 self.assertEqual([], fpm.crashes())
 
     def test_collector_gets_events_and_custom_metrics(self):

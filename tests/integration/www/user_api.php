@@ -4,10 +4,14 @@
 $custom = isset($_GET['custom']);
 $r = $custom ? ['start' => corvidine_start_trace('api', null, ['page' => 'user_api'])] : [];
 $r += [
+    'started' => corvidine_trace_started(),
     'tracing' => corvidine_is_tracing(),
+    'context' => is_string($c = corvidine_get_context()) ? corvidine_set_context($c) : $c,
+    'entry' => corvidine_log_entry('api'),
     'log' => corvidine_log('api', 'step', ['page' => 'user_api']),
     'error' => corvidine_log_error('api', 'bad', E_WARNING),
     'exception' => corvidine_log_exception('api', new RuntimeException('boom')),
+    'exit' => corvidine_log_exit('api'),
     'name' => corvidine_set_transaction_name('api-tx'),
     'id' => corvidine_get_log_trace_id(),
     'ready' => corvidine_is_ready(100),
