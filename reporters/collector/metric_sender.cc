@@ -224,8 +224,6 @@ void vesk_ssl_reporter::metricSender() {
             st.nextHostRefresh = Clock::now() + std::chrono::seconds(getRefreshHostIdNextInterval());
             hostIdentity.refreshHostId();
         }
-        // Messages are made while the Collector is away too: up to a batch
-        // of them wait for it, the oldest going first.
         // An interval the Collector has just changed counts from its own
         // next boundary, not from the end of the old interval (up to a
         // minute away).
@@ -233,6 +231,8 @@ void vesk_ssl_reporter::metricSender() {
             st.scheduledInterval = metricsFlushInterval.load();
             st.nextMetrics = Clock::now() + std::chrono::seconds(getMetricsMsgNextInterval(st.scheduledInterval));
         }
+        // Messages are made while the Collector is away too: up to a batch
+        // of them wait for it, the oldest going first.
         if (now >= st.nextMetrics || st.flushPasses == 1) {
             st.scheduledInterval = metricsFlushInterval.load();
             st.nextMetrics = Clock::now() + std::chrono::seconds(getMetricsMsgNextInterval(st.scheduledInterval));

@@ -102,7 +102,8 @@ TEST(CustomMetrics, AggregationLimitsAndDocument) {
     EXPECT_EQ((Tags{{"a", "2"}, {"b", "x y z"}, {"c", "%zz"}, {"d", ""}}), parsed);
 }
 
-TEST(CustomMetrics, TagLimitQueueGateAndMetricsBatchBound) {
+TEST(CustomMetrics, TagLimit) {
+    corvidine_test::LogCapture log;  // before the reporter's threads, which read the log level
     vesk_ssl_reporter r(nullptr, config(1000));
     r.setSocketParams("127.0.0.1", 1);
     std::vector<std::string> keys;
@@ -110,11 +111,12 @@ TEST(CustomMetrics, TagLimitQueueGateAndMetricsBatchBound) {
     for (int i = 0; i < 51; i++) keys.push_back("k" + std::to_string(i));
     for (const std::string &k : keys) tags.push_back({k.c_str(), "v"});
     struct { size_t tags; int hostTag; bool accepted; } limits[] = {{50, 0, true}, {50, 1, false}, {49, 1, true}, {51, 0, false}};
-    corvidine_test::LogCapture log;
     for (const auto &l : limits)
         EXPECT_EQ(l.accepted, r.addCustomMetric("m", 1, 1, l.hostTag, "s", 1, tags.data(), l.tags)) << l.tags;
     EXPECT_TRUE(log.contains("addCustomMetric: exceeded limit of 49 tags per measurement, ignoring measurement."));
+}
 
+TEST(CustomMetrics, QueueGateAndMetricsBatchBound) {
     // (fill, max, ready before) -> admitted, and the message at an edge.
     struct { unsigned long n, max; bool before, admitted; const char *logged; } gate[] = {
         {0, 9, false, true, "Custom Metrics queue ready at 0/9"}, {7, 9, true, true, nullptr},
