@@ -7,8 +7,8 @@
 // same run: a quiet interval (no spans, no custom metrics), whose message
 // still carries the host and reporter values.
 //
-// Counters: message bytes and the number of measurements and histograms the
-// interval held; with the transaction limit (200 by default, 1,000 when the
+// Counters: message bytes, the number of measurements and histograms the
+// interval held and the histograms' count arrays in bytes; with the transaction limit (200 by default, 1,000 when the
 // Collector raises it) the names beyond it land on "other", which bounds the
 // memory an interval can hold.
 #include <benchmark/benchmark.h>
@@ -53,7 +53,7 @@ void runInterval(benchmark::State &state, int limit) {
     CustomMetrics custom;
     const HostFacts host = facts();
     vesk_metric_tag_t tags[] = {{"region", "eu-west"}, {"tier", "web"}};
-    size_t bytes = 0, measurements = 0, histograms = 0;
+    size_t bytes = 0, measurements = 0, histograms = 0, histogramBytes = 0;
     for (auto _ : state) {
         for (int round = 0; limit > 0 && round < kSpansPerTransaction; round++) {
             for (const std::string &name : names()) {
@@ -73,6 +73,9 @@ void runInterval(benchmark::State &state, int limit) {
             }
         measurements = spans.measurements().size() + custom.size();
         histograms = spans.histograms().size();
+        histogramBytes = 0;
+        for (const auto &h : spans.histograms())
+            histogramBytes += static_cast<size_t>(h.second->hdr()->counts_len) * sizeof(int64_t);
         std::string message = generateMetricsMessage(host, ReporterTotals{}, spans, 60);
         bytes = message.size();
         if (!custom.empty()) bytes += custom.generateCustomMetricsMessage(host, 60).size();
@@ -81,6 +84,7 @@ void runInterval(benchmark::State &state, int limit) {
     state.counters["message_bytes"] = static_cast<double>(bytes);
     state.counters["measurements"] = static_cast<double>(measurements);
     state.counters["histograms"] = static_cast<double>(histograms);
+    state.counters["histogram_bytes"] = static_cast<double>(histogramBytes);  // what the interval held at its end
     state.counters["spans"] = limit > 0 ? kTransactions * kSpansPerTransaction : 0;
 }
 
