@@ -16,6 +16,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "collector_types.h"
 
@@ -28,6 +29,9 @@ const std::string &cloudMetadataAddress();
 // The first 64-hex-digit id in cgroup lines of a container runtime (docker,
 // ecs, kubepods), or empty.
 std::string containerIdFromCgroup(const char *path);
+// The distribution's name from the marker files in `etcDir` ("/etc"): the
+// first that exists and opens decides; "Unknown" when none does.
+std::string distroFromEtc(const std::string &etcDir);
 // Seconds to the next full UTC minute, 1 to 60.
 int getRefreshHostIdNextInterval();
 // GET `path` from `address` ("host:port") with a connect time-out; the body
@@ -49,6 +53,11 @@ public:
     std::string getAzureInstanceID();
     static bool getMACList(std::set<std::string> &macs);
     static bool isPhysicalInterface(const std::string &name);
+    // The facts of the metrics documents (host_facts.cc). getDistro looks
+    // once per reporter; getIPAddresses lists the addresses of the physical
+    // interfaces other than "lo", in interface order (false: getifaddrs failed).
+    std::string getDistro();
+    static bool getIPAddresses(std::vector<std::string> &addresses);
 
 private:
     std::string cached(std::mutex &m, std::string &cache, std::string (*lookup)(HostIdentity &));
@@ -59,6 +68,8 @@ private:
     std::mutex ec2IdMutex_, ec2ZoneMutex_, containerMutex_, dynoMutex_, azureMutex_;
     std::string ec2Id_ = "uninitialized", ec2Zone_ = "uninitialized", container_ = "uninitialized",
                 dyno_ = "uninitialized", azure_ = "uninitialized";
+    std::mutex distroMutex_;
+    std::string distro_;
 };
 
 }  // namespace corvidine

@@ -1,6 +1,7 @@
-// The metric thread: status documents, settings from the Collector, the
-// expiry of settings, the host identity, and the hand-over of spans to
-// their aggregation (custom metrics are drained). Paced by a 500 ms sleep and timers.
+// The metric thread: spans and custom metrics into their aggregates, the
+// metrics messages on the clock-aligned interval, status documents,
+// settings from the Collector, the expiry of settings, the host identity.
+// Paced by a 500 ms sleep and timers.
 #include <time.h>
 #include <unistd.h>
 
@@ -22,20 +23,20 @@ uint64_t drainStatus(vesk_ssl_reporter::Queue &queue, BsonMessages &batch, int l
 class MetricSenderState {
 public:
     using Clock = vesk_ssl_reporter::Clock;
-    Clock::time_point nextSettings, nextTimeoutCheck, nextPing, nextHostRefresh;
-    BsonMessages statusBatch;
-    RetryState connectRetry, settingsRetry, statusRetry;
+    Clock::time_point nextSettings, nextTimeoutCheck, nextPing, nextHostRefresh, nextMetrics;
+    BsonMessages metricsBatch, statusBatch;
+    RetryState connectRetry, settingsRetry, metricsRetry, statusRetry;
     int failedConnects = 0;
     int redirects = 0;
     int flushPasses = 0;
 };
 
 bool vesk_ssl_reporter::handleMetricReply(MetricSenderState &st, const wire::ResultMessage &reply,
-                                          BsonMessages &batch, RetryState &retry) {
+                                          BsonMessages &batch, RetryState &retry, bool isStatus) {
     bool again = false;
     switch (reply.result) {
     case wire::ResultCode::OK:
-        METRIC_LOG(VESK_DEBUG_HIGH, "metricSender: Sent Status");
+        if (isStatus) METRIC_LOG(VESK_DEBUG_HIGH, "metricSender: Sent Status");
         batch = BsonMessages();
         retry.active = false;
         st.redirects = 0;
@@ -130,6 +131,40 @@ void vesk_ssl_reporter::settingsStep(MetricSenderState &st, Clock::time_point no
     }
 }
 
+void appendMetricsMessage(BsonMessages &batch, std::string message) {
+    if (message.empty()) return;
+    batch.bytes += message.size();
+    batch.messages.push_back(std::move(message));
+    if (batch.messages.size() > kMaxMetricsBatch) {
+        batch.bytes -= batch.messages.front().size();
+        batch.messages.erase(batch.messages.begin());
+    }
+}
+
+void vesk_ssl_reporter::postMetricsStep(MetricSenderState &st, Clock::time_point now) {
+    if (!retryAllowed(st.metricsRetry, RetryClock::now()) && st.flushPasses == 0) return;
+    if (st.metricsBatch.messages.empty()) return;
+    CollectorLink &link = connector().metricLink;
+    try {
+        wire::ResultMessage reply;
+        wire::HostID id = hostIdentity.copy();
+        link.client->postMetrics(reply, apiKey, st.metricsBatch.messages, wire::EncodingType::BSON, id);
+        if (handleMetricReply(st, reply, st.metricsBatch, st.metricsRetry, false) &&
+            setRetryDelay(st.metricsRetry, "metricSender.postMetrics", RetryClock::now()) != 0) {
+            METRIC_USAGE(VESK_DEBUG_ERROR,
+                         "metricSender.postMetrics: Exceeded max number of retries (%d). Dropping message.",
+                         kRetryMaxAttempts);
+            st.metricsBatch = BsonMessages();
+        }
+    } catch (const TException &e) {
+        METRIC_LOG(VESK_DEBUG_LOW, "metricSender: Error during postMetrics(): %s", e.what());
+        metricConnected = false;
+        if (setRetryDelay(st.metricsRetry, "metricSender.postMetrics", RetryClock::now()) != 0)
+            st.metricsBatch = BsonMessages();
+    }
+    st.nextPing = now + std::chrono::seconds(kPingIntervalS);
+}
+
 void vesk_ssl_reporter::metricSender() {
     METRIC_LOG(VESK_DEBUG_HIGH, "STARTING: metricSender SSL sending thread");
     for (int i = 0; i < 3; i++) pause(10);
@@ -142,6 +177,7 @@ void vesk_ssl_reporter::metricSender() {
     st.nextTimeoutCheck = start + std::chrono::seconds(kTimeoutCheckIntervalS);
     st.nextPing = start + std::chrono::seconds(kPingIntervalS);
     st.nextHostRefresh = start;
+    st.nextMetrics = start + std::chrono::seconds(getMetricsMsgNextInterval(metricsFlushInterval.load()));
 
     while (!threadsStop) {
         auto now = Clock::now();
@@ -170,31 +206,42 @@ void vesk_ssl_reporter::metricSender() {
             settingsStep(st, now);
 
         // Spans and custom metrics: taken without waiting, a snapshot of the
-        // count, so a steady stream cannot hold the pass here. Spans go into
-        // this interval's aggregates, whether connected or not. Custom
-        // metrics have no aggregation in this build yet and are dropped, so
-        // that their queue never stalls its producers.
+        // count, so a steady stream cannot hold the pass here. They go into
+        // this interval's aggregates, whether connected or not.
         for (uint64_t n = spanQueue.count(); n > 0; n--) {
             std::shared_ptr<SpanMessage> span = spanQueue.pop(now);
             if (span) spans.process(*span);
         }
-        for (uint64_t n = customMetricQueue.count(); n > 0; n--) customMetricQueue.pop(now);
+        for (uint64_t n = customMetricQueue.count(); n > 0; n--) {
+            std::shared_ptr<CustomMetricMessage> metric = customMetricQueue.pop(now);
+            if (metric) customMetrics.processCustomMetricMessage(*metric, maxCustomMetrics.load());
+        }
 
         if (doFlushMetrics_) st.flushPasses++;
         if (now >= st.nextHostRefresh) {
             st.nextHostRefresh = Clock::now() + std::chrono::seconds(getRefreshHostIdNextInterval());
             hostIdentity.refreshHostId();
         }
+        // Messages are made while the Collector is away too: up to a batch
+        // of them wait for it, the oldest going first.
+        if (now >= st.nextMetrics || st.flushPasses == 1) {
+            int wait = getMetricsMsgNextInterval(metricsFlushInterval.load());
+            st.nextMetrics = Clock::now() + std::chrono::seconds(wait);
+            appendMetricsMessage(st.metricsBatch, generateMetricsMessage());
+            if (!customMetrics.empty()) appendMetricsMessage(st.metricsBatch, generateCustomMetricsMessage());
+        }
 
         if (metricConnected) {
+            postMetricsStep(st, now);
             bool statusWaits = !retryAllowed(st.statusRetry, wallNow) && st.flushPasses == 0;
-            if (!statusWaits && !threadsStop && (st.statusBatch.bytes > 0 || statusQueue.count() > 0) &&
+            bool statusWaiting = st.statusBatch.bytes > 0 || statusQueue.count() > 0;
+            if (!statusWaits && !threadsStop && metricConnected && statusWaiting &&
                 drainStatus(statusQueue, st.statusBatch, 100) > 0) {
                 wire::HostID id = hostIdentity.copy();
                 try {
                     wire::ResultMessage reply;
                     link.client->postStatus(reply, apiKey, st.statusBatch.messages, wire::EncodingType::BSON, id);
-                    if (handleMetricReply(st, reply, st.statusBatch, st.statusRetry) &&
+                    if (handleMetricReply(st, reply, st.statusBatch, st.statusRetry, true) &&
                         setRetryDelay(st.statusRetry, "metricSender.postStatus", RetryClock::now()) != 0) {
                         METRIC_USAGE(VESK_DEBUG_ERROR,
                                      "metricSender.postStatus: Exceeded max number of retries (%d). Dropping message.",

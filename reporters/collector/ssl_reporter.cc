@@ -121,9 +121,59 @@ int vesk_ssl_reporter::sendSpan(int type, const char *service, const char *trans
     return 0;
 }
 
-int vesk_ssl_reporter::addCustomMetric(const CustomMetricMessage &metric) {
-    customMetricQueue.push(std::make_shared<CustomMetricMessage>(metric));
-    return 1;
+bool vesk_ssl_reporter::addCustomMetric(const char *name, double value, int count, int hostTag, const char *service,
+                                        int isSummary, const vesk_metric_tag_t *tags, size_t tagCount) {
+    size_t limit = customMetricTagLimit(hostTag != 0);
+    if (tagCount > limit) {
+        VESK_DEBUG_LOG_USAGE(VESK_DEBUG_MODULE_REPORTER_SSL, VESK_DEBUG_ERROR,
+                             "addCustomMetric: exceeded limit of %d tags per measurement, ignoring measurement.",
+                             static_cast<int>(limit));
+        return false;
+    }
+    if (threadsStop) {
+        customMetricQueueReady_ = false;
+        return false;
+    }
+    // Refused, not dropped from the front, while nearly full; the two
+    // messages mark the edges of that state once each.
+    unsigned long n = customMetricQueue.count(), max = customMetricQueue.size() - 1;
+    bool full = max - n < 2;
+    if (customMetricQueueReady_) {
+        if (full) {
+            SSL_LOG(VESK_DEBUG_LOW, "Custom Metrics queue limit reached at %lu/%lu", n, max);
+            customMetricQueueReady_ = false;
+            return false;
+        }
+    } else {
+        if (full) return false;
+        SSL_LOG(VESK_DEBUG_LOW, "Custom Metrics queue ready at %lu/%lu", n, max);
+        customMetricQueueReady_ = true;
+    }
+    customMetricQueue.push(
+        std::make_shared<CustomMetricMessage>(service, name, value, count, hostTag, isSummary, tags, tagCount));
+    return customMetricQueueReady_;
+}
+
+HostFacts vesk_ssl_reporter::hostFacts() {
+    HostFacts facts;
+    facts.configuredHostname = hostnameAlias;
+    facts.distro = hostIdentity.getDistro();
+    facts.haveIPAddresses = HostIdentity::getIPAddresses(facts.ipAddresses);
+    return facts;
+}
+
+std::string vesk_ssl_reporter::generateMetricsMessage() {
+    ReporterTotals totals;
+    totals.numSent = static_cast<int64_t>(getSentCount());
+    totals.numOverflowed = static_cast<int64_t>(getOverflowedCount());
+    totals.numFailed = static_cast<int64_t>(getFailedCount());
+    totals.totalEvents = static_cast<int64_t>(getQueuedCount());
+    totals.queueLargest = static_cast<int64_t>(getQueueLargest());
+    return corvidine::generateMetricsMessage(hostFacts(), totals, spans, metricsFlushInterval.load());
+}
+
+std::string vesk_ssl_reporter::generateCustomMetricsMessage() {
+    return customMetrics.generateCustomMetricsMessage(hostFacts(), metricsFlushInterval.load());
 }
 
 template <typename Q>

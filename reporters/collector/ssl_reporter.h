@@ -3,8 +3,9 @@
 //
 //   request threads -> eventQueue/profilingQueue -> event sender (postEvents)
 //                   -> statusQueue, spanQueue, customMetricQueue
-//                                                -> metric sender (span
-//                                                   aggregation, settings,
+//                                                -> metric sender (span and
+//                                                   custom metric aggregation,
+//                                                   metrics messages, settings,
 //                                                   status, host identity)
 //
 // Threads: the constructor starts both senders; send/sendSpan/the ready
@@ -30,6 +31,8 @@
 
 #include "Collector.h"
 #include "connector.h"
+#include "corvidine/custom_metrics.h"
+#include "corvidine/metrics_message.h"
 #include "corvidine/reporter.h"
 #include "corvidine/span_aggregator.h"
 #include "host_id.h"
@@ -47,24 +50,20 @@ constexpr int kIdleSleepMs = 500;
 constexpr int kPingIntervalS = 20;
 constexpr int kSettingsIntervalS = 30;
 constexpr int kTimeoutCheckIntervalS = 10;
+constexpr size_t kMaxMetricsBatch = 100;  // metrics messages held while the Collector is away
 
 enum SpanType { SPAN_PLAIN = 0, SPAN_HTTP = 1 };
-
-struct CustomMetricMessage {
-    std::string name;
-    double value = 0;
-    int count = 0;
-    bool hostTag = false;
-    std::string service;
-    bool summary = false;
-    std::vector<std::pair<std::string, std::string>> tags;
-};
 
 // A batch of documents for one post.
 struct BsonMessages {
     std::vector<std::string> messages;
     uint64_t bytes = 0;
 };
+
+// Adds a metrics message to the batch that waits for the Collector; beyond
+// kMaxMetricsBatch the oldest goes, so a long outage keeps the latest. An
+// empty message (one that could not be built) is not added.
+void appendMetricsMessage(BsonMessages &batch, std::string message);
 
 // The options after their checks (vesk_reporter_init_ssl).
 struct SslReporterConfig {
@@ -101,7 +100,11 @@ public:
     bool isSpanWithinLimit(const std::string &key) {
         return spans.limit().isWithinLimit(key, maxTransactions.load());
     }
-    int addCustomMetric(const CustomMetricMessage &metric);
+    // Queues a custom metric for the metric thread. False over the tag limit,
+    // while stopping, or while the queue is (nearly) full: then the metric is
+    // refused rather than an older one dropped.
+    bool addCustomMetric(const char *name, double value, int count, int hostTag, const char *service, int isSummary,
+                         const vesk_metric_tag_t *tags, size_t tagCount);
     bool isEventQueueReady();
     bool isProfilingQueueReady() { return isReady(profilingQueue, profilingReady_, "Profiling"); }
     bool isStatusQueueReady() { return isReady(statusQueue, statusReady_, "Status"); }
@@ -138,6 +141,10 @@ public:
 
     // Metric thread: applies the keys the Collector pushes with its settings.
     void processRemoteConfig(const std::map<std::string, std::string> &arguments);
+    // Metric thread: this interval's documents (metrics_message.h,
+    // custom_metrics.h) with this host's facts; they consume the aggregates.
+    std::string generateMetricsMessage();
+    std::string generateCustomMetricsMessage();
 
     // The table's extended record, freed with the reporter.
     vesk_reporter_extended_t *extended = nullptr;
@@ -150,6 +157,8 @@ public:
     // Span aggregates of the current metrics interval: the maps belong to
     // the metric thread, the transaction limit is shared (span_aggregator.h).
     SpanAggregator spans;
+    // Custom metrics of the current interval: metric thread only.
+    CustomMetrics customMetrics;
 
 private:
     template <typename Q>
@@ -159,8 +168,11 @@ private:
     void eventSender();
     void metricSender();
     void settingsStep(class MetricSenderState &state, Clock::time_point now);
+    // True when the call is to be retried (the batch stays).
     bool handleMetricReply(class MetricSenderState &state, const ::collector::thrift::ResultMessage &reply,
-                           BsonMessages &batch, RetryState &retry);
+                           BsonMessages &batch, RetryState &retry, bool isStatus);
+    void postMetricsStep(class MetricSenderState &state, Clock::time_point now);
+    HostFacts hostFacts();
     void copyHostId(::collector::thrift::HostID &out);
     // Sender threads: a sleep that disconnect cuts short, so that a process
     // does not wait out a sender's idle pause when it ends.
@@ -188,7 +200,7 @@ private:
     std::atomic<uint64_t> sentCount{0};
     std::atomic<uint64_t> failedCount{0};
     std::atomic<bool> eventReady_{false}, profilingReady_{false}, statusReady_{false}, spanReady_{false},
-        customMetricReady_{false};
+        customMetricReady_{false}, customMetricQueueReady_{false};
     std::atomic<bool> spansDisabled{false};
     std::atomic<bool> threadsStop{false};
     std::atomic<int> metricsFlushInterval{60};

@@ -81,16 +81,7 @@ int send_http_span(void *ctx, const char *service, const char *transaction, int6
 int add_custom_metric(void *ctx, const char *name, double value, int count, int host_tag, const char *service_name,
                       int summary, const vesk_metric_tag_t *tags, size_t tag_count) {
     if (ctx == nullptr || name == nullptr) return 0;
-    corvidine::CustomMetricMessage m;
-    m.name = name;
-    m.value = value;
-    m.count = count;
-    m.hostTag = host_tag != 0;
-    m.service = service_name ? service_name : "";
-    m.summary = summary != 0;
-    for (size_t i = 0; i < tag_count && tags != nullptr; i++)
-        m.tags.emplace_back(tags[i].key ? tags[i].key : "", tags[i].value ? tags[i].value : "");
-    return self(ctx)->addCustomMetric(m);
+    return self(ctx)->addCustomMetric(name, value, count, host_tag, service_name, summary, tags, tag_count);
 }
 
 int get_server_response(void *ctx) { return ctx == nullptr ? 0 : self(ctx)->getServerResponse(); }

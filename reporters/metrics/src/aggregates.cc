@@ -26,13 +26,17 @@ std::unique_ptr<Histogram> Histogram::decode(const char *text, int length) {
     return std::make_unique<Histogram>(h);
 }
 
-void recordMeasurement(MeasurementMap &measurements, const std::string &name, const Tags &tags, double value,
-                       int count, bool reportSum) {
+std::string measurementKey(const std::string &name, const Tags &tags, bool reportSum) {
     std::string key;
     key.reserve(64);
     key.append(name).append(reportSum ? "&1&" : "&0&");
     for (const auto &tag : tags) key.append(tag.first).append(1, ':').append(tag.second).append(1, '&');
-    auto &slot = measurements[key];
+    return key;
+}
+
+void recordMeasurement(MeasurementMap &measurements, const std::string &name, const Tags &tags, double value,
+                       int count, bool reportSum) {
+    auto &slot = measurements[measurementKey(name, tags, reportSum)];
     if (!slot) slot = std::make_unique<Measurement>(name, tags, reportSum);
     slot->addCount(count);
     slot->addValue(value);

@@ -70,9 +70,12 @@ private:
 using MeasurementMap = std::map<std::string, std::unique_ptr<Measurement>>;
 using HistogramMap = std::map<std::string, std::unique_ptr<Histogram>>;
 
-// Adds `count` and `value` to the measurement of this name, tag set and
-// reportSum, made on first use. Key: name "&" ("1"|"0") "&" then each tag as
+// The map key of a measurement: name "&" ("1"|"0") "&" then each tag as
 // key ":" value "&" in tag order.
+std::string measurementKey(const std::string &name, const Tags &tags, bool reportSum);
+
+// Adds `count` and `value` to the measurement of this name, tag set and
+// reportSum (keyed by measurementKey), made on first use.
 void recordMeasurement(MeasurementMap &measurements, const std::string &name, const Tags &tags, double value,
                        int count, bool reportSum);
 
