@@ -63,24 +63,36 @@ class DemoShop:
                     "corvidine.enable_profiling": "1" if self.profiling else "0"})
         return ini
 
-    def start(self, load_module=True, agent=True, children=2, fpm_prefix=None):
-        """Databases, then the inventory service, then the shop; returns the shop's server."""
+    def start(self, **services):
+        self.start_backends()
+        return self.start_services(**services)
+
+    def start_backends(self):
+        """MariaDB and Redis, seeded."""
         self.db, self.redis = harness.MariaDB().start(), harness.RedisServer().start()
         self.daemons = [self.redis, self.db]
-        ports = {"DEMO_DB_PORT": str(self.db.port), "DEMO_REDIS_PORT": str(self.redis.port)}
+        self.ports = {"DEMO_DB_PORT": str(self.db.port), "DEMO_REDIS_PORT": str(self.redis.port)}
         seed = subprocess.run([self.php.cli] + self.php.ini_args(self.ini(), "/dev/null", False) + ["-r", SEED[5:]],
-                              env=dict(os.environ, **ports), capture_output=True, text=True, timeout=60)
+                              env=dict(os.environ, **self.ports), capture_output=True, text=True, timeout=60)
         if seed.returncode != 0 or seed.stdout.strip():
             raise RuntimeError("seeding the demo data failed: %s%s" % (seed.stdout, seed.stderr))
+
+    def start_services(self, load_module=True, ini=None, children=2, fpm_prefix=None):
+        """The inventory service, then the shop (whose server this returns); ini: more INI entries for both."""
         for name, root in (("inventory", os.path.join(DEMO, "inventory")), ("shop", os.path.join(DEMO, "app"))):
-            env = dict(self.agent_env(name) if agent else {}, **ports)
+            env = dict(self.agent_env(name), **self.ports)
             if self.servers:
                 env["DEMO_INVENTORY_URL"] = self.servers[0].url("")
-            server = harness.FpmServer(self.php, self.ini(), env, children=children, root=root,
+            server = harness.FpmServer(self.php, dict(self.ini(), **(ini or {})), env, children=children, root=root,
                                        load_module=load_module, fpm_prefix=fpm_prefix)
             self.servers.append(server)
             server.start()
         return self.shop
+
+    def stop_services(self):
+        for server in reversed(self.servers):
+            server.stop()
+        self.servers = []
 
     @property
     def shop(self):
@@ -111,8 +123,7 @@ class DemoShop:
         return [c for s in self.servers for c in s.crashes()]
 
     def stop(self):
-        for server in reversed(self.servers):
-            server.stop()
+        self.stop_services()
         for daemon in self.daemons:
             daemon.stop()
         self.servers, self.daemons = [], []

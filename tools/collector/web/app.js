@@ -53,9 +53,11 @@ async function home() {
 function percentiles(pct) {
   if (!pct.rows.length) return el("p", { class: "muted" }, "No metrics yet: the agent sends them every metrics interval.");
   const names = Object.keys(pct.rows[0].percentiles);
+  // The service column only when a histogram names one (the tags carry SN only for named services).
+  const services = pct.rows.some((r) => r.service);
   return el("div", {},
-    table("percentiles", [["service"], ["transaction"], ["count", 1], ...names.map((n) => [n, 1]), ["max", 1]],
-      pct.rows.map((r) => el("tr", {}, el("td", {}, r.service), el("td", {}, r.transaction),
+    table("percentiles", [...(services ? [["service"]] : []), ["transaction"], ["count", 1], ...names.map((n) => [n, 1]), ["max", 1]],
+      pct.rows.map((r) => el("tr", {}, services ? el("td", {}, r.service) : "", el("td", {}, r.transaction),
         el("td", { class: "num" }, r.count), names.map((n) => el("td", { class: "num" }, ms(r.percentiles[n]))),
         el("td", { class: "num" }, ms(r.max))))),
     pct.undecodable ? el("p", { class: "err" }, `${pct.undecodable} histograms did not decode`) : "");
