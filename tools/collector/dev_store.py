@@ -129,6 +129,10 @@ class Store:
             out[kind] = n
         return out
 
+    def last_received(self, kind):
+        """When the last document of a kind ("metrics", "status") came, 0 for never."""
+        return self.db().execute("SELECT COALESCE(MAX(received), 0) FROM documents WHERE kind = ?", (kind,)).fetchone()[0]
+
     def traces(self, limit=100):
         """The latest traces, newest first: root transaction, URL, duration, hosts, errors."""
         rows = self.db().execute(

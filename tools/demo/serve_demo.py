@@ -108,15 +108,17 @@ class DemoShop:
         return answers
 
     def wait_for(self, traces, metrics_seconds=0.0, timeout=20.0):
-        """Waits until `traces` traces have their root span closed, then up to metrics_seconds for a metrics
-        document; returns the store's counts."""
+        """Waits until `traces` traces have their root span closed, then up to metrics_seconds for the metrics
+        documents sent after that (every worker sends on the same clock tick); returns the store's counts."""
         deadline = time.time() + timeout
         store = self.collector.store
         while time.time() < deadline and sum(1 for t in store.traces() if t["transaction"]) < traces:
             time.sleep(0.2)
-        deadline = time.time() + metrics_seconds
-        while time.time() < deadline and not store.counts().get("metrics"):
+        done, deadline = time.time(), time.time() + metrics_seconds
+        while time.time() < deadline and store.last_received("metrics") < done:
             time.sleep(0.5)
+        if store.last_received("metrics") >= done:
+            time.sleep(1.0)  # the other workers' documents of the same tick
         return store.counts()
 
     def crashes(self):
