@@ -21,7 +21,7 @@ nothing, lower is worse.
 Loopback only; every run is bounded by its duration.
 
     /usr/bin/python3 bench/http/bench_shop.py MODULE
-Environment: BENCH_SECONDS (8), BENCH_ROUNDS (3), BENCH_CONNECTIONS (8),
+Environment: BENCH_SECONDS (8), BENCH_ROUNDS (5), BENCH_CONNECTIONS (8),
 BENCH_SUMMARY (a file the summary lines are also written to).
 """
 import json
@@ -43,7 +43,7 @@ import serve_demo  # noqa: E402
 import dev_collector  # noqa: E402  (on the path serve_demo sets)
 
 SECONDS = int(os.environ.get("BENCH_SECONDS", "8"))
-ROUNDS = int(os.environ.get("BENCH_ROUNDS", "3"))
+ROUNDS = int(os.environ.get("BENCH_ROUNDS", "5"))
 CONNECTIONS = int(os.environ.get("BENCH_CONNECTIONS", "8"))
 PAGE = "/product.php?id=1"
 TARGET_THROUGHPUT, TARGET_P99 = 0.97, 0.90

@@ -33,7 +33,8 @@ def setUpModule():
     try:
         shop.start()
         shop.traffic()
-        shop.wait_for(len(serve_demo.TRAFFIC), metrics_seconds=15)
+        # A worker's first metrics document waits for the full minute (its interval is known only after it).
+        shop.wait_for(len(serve_demo.TRAFFIC), metrics_seconds=75)
     except BaseException:
         shop.stop()
         raise

@@ -171,7 +171,8 @@ def main():
         print("== the shop on %s, the inventory service on %s, agent -> dev Collector 127.0.0.1:%d (trusts %s)\n"
               % (shop.shop.url("/"), shop.servers[0].url("/"), shop.collector.port, shop.collector.trusted))
         shop.traffic()
-        shop.wait_for(len(TRAFFIC), metrics_seconds=12)
+        print("\n== waiting for the traces, and for the metrics (a worker's first come on the full minute)")
+        shop.wait_for(len(TRAFFIC), metrics_seconds=75)
         summary(shop.collector.store, shop.web.url)
         if shop.crashes():
             print("php-fpm workers crashed: %s" % shop.crashes())
