@@ -88,6 +88,17 @@ def main():
             if got.split() != stats.split():
                 failures += 1
                 print(f"set {i} (precision {figures}): {name}: {got[:200]!r} != ours {stats[:200]!r}")
+    # Bad text is refused with ValueError (the dev Collector counts it as undecodable), never a crash or a hang.
+    sys.path.insert(0, os.path.join(ROOT, "tools", "collector"))
+    import hdr_decode
+    good = java_texts[0]
+    for bad in ("", "not base64!", good[:len(good) // 2], "AAAA" + good[4:], good[:12] + "A" * (len(good) - 12)):
+        try:
+            hdr_decode.decode(bad)
+            failures += 1
+            print(f"the dev Collector took a bad histogram text: {bad[:40]!r}")
+        except ValueError:
+            pass
     checked = len(sets) * (1 + len(readings))
     print(f"hdr_histogram_check: {len(sets)} histograms, {checked} readings compared, {failures} differ")
     return 1 if failures else 0
