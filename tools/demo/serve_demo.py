@@ -137,11 +137,12 @@ def summary(store, url, out=sys.stdout):
     counts = store.counts()
     out.write("\n== traces at %s\n" % url)
     out.write("received: %s\n\n" % ", ".join("%s %d" % kv for kv in sorted(counts.items())))
-    out.write("%-40s %-20s %9s %6s %7s  %s\n" % ("transaction", "url", "ms", "spans", "errors", "hosts"))
+    out.write("%-40s %-20s %9s %6s %7s  %s\n" % ("transaction", "url", "ms", "spans", "errors", "services"))
     for t in store.traces(20):
         spans = store.trace(t["task"])
         out.write("%-40s %-20s %9.1f %6d %7d  %s\n" % (t["transaction"][:40], t["url"][:20], t["duration"] / 1000.0,
-                                                      len(spans), t["errors"], ",".join(t["hosts"])))
+                                                      len(spans), t["errors"],
+                                                      " ".join(sorted({s["service"] for s in spans}))))
     rows = store.percentiles()["rows"]
     out.write("\nresponse times (ms) from the metrics histograms:\n")
     if not rows:

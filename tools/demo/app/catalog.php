@@ -31,7 +31,7 @@ function catalog(): array
     foreach (db()->query('SELECT id, name, price FROM products ORDER BY id') as $row) {
         $items[(int)$row['id']] = ['name' => $row['name'], 'price' => (float)$row['price']];
     }
-    cache()->setex('catalog', 5, json_encode($items));
+    cache()->setex('catalog', 300, json_encode($items));
     return $items;
 }
 
