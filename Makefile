@@ -50,7 +50,7 @@ test-wire: build
 # The groups that share state between threads, once more under ThreadSanitizer.
 test-tsan: build-tsan
 	@cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-	  ctest --output-on-failure -j$(JOBS) -R 'settings|tracing_decisions|metadata|profiler|collector_reporter|span_aggregation'
+	  ctest --output-on-failure -j$(JOBS) -R 'settings|tracing_decisions|metadata|profiler|collector_reporter|span_aggregation|collector_metrics'
 
 # Every stage, with a summary: unit (ASan+UBSan, TSan), wire, extension
 # (NTS and ZTS PHP), integration through real servers.

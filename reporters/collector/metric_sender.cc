@@ -29,6 +29,7 @@ public:
     int failedConnects = 0;
     int redirects = 0;
     int flushPasses = 0;
+    int scheduledInterval = 0;  // the interval nextMetrics was set with
 };
 
 bool vesk_ssl_reporter::handleMetricReply(MetricSenderState &st, const wire::ResultMessage &reply,
@@ -177,7 +178,8 @@ void vesk_ssl_reporter::metricSender() {
     st.nextTimeoutCheck = start + std::chrono::seconds(kTimeoutCheckIntervalS);
     st.nextPing = start + std::chrono::seconds(kPingIntervalS);
     st.nextHostRefresh = start;
-    st.nextMetrics = start + std::chrono::seconds(getMetricsMsgNextInterval(metricsFlushInterval.load()));
+    st.scheduledInterval = metricsFlushInterval.load();
+    st.nextMetrics = start + std::chrono::seconds(getMetricsMsgNextInterval(st.scheduledInterval));
 
     while (!threadsStop) {
         auto now = Clock::now();
@@ -222,11 +224,18 @@ void vesk_ssl_reporter::metricSender() {
             st.nextHostRefresh = Clock::now() + std::chrono::seconds(getRefreshHostIdNextInterval());
             hostIdentity.refreshHostId();
         }
+        // An interval the Collector has just changed counts from its own
+        // next boundary, not from the end of the old interval (up to a
+        // minute away).
+        if (st.scheduledInterval != metricsFlushInterval.load()) {
+            st.scheduledInterval = metricsFlushInterval.load();
+            st.nextMetrics = Clock::now() + std::chrono::seconds(getMetricsMsgNextInterval(st.scheduledInterval));
+        }
         // Messages are made while the Collector is away too: up to a batch
         // of them wait for it, the oldest going first.
         if (now >= st.nextMetrics || st.flushPasses == 1) {
-            int wait = getMetricsMsgNextInterval(metricsFlushInterval.load());
-            st.nextMetrics = Clock::now() + std::chrono::seconds(wait);
+            st.scheduledInterval = metricsFlushInterval.load();
+            st.nextMetrics = Clock::now() + std::chrono::seconds(getMetricsMsgNextInterval(st.scheduledInterval));
             appendMetricsMessage(st.metricsBatch, generateMetricsMessage());
             if (!customMetrics.empty()) appendMetricsMessage(st.metricsBatch, generateCustomMetricsMessage());
         }

@@ -134,24 +134,12 @@ bool vesk_ssl_reporter::addCustomMetric(const char *name, double value, int coun
         customMetricQueueReady_ = false;
         return false;
     }
-    // Refused, not dropped from the front, while nearly full; the two
-    // messages mark the edges of that state once each.
-    unsigned long n = customMetricQueue.count(), max = customMetricQueue.size() - 1;
-    bool full = max - n < 2;
-    if (customMetricQueueReady_) {
-        if (full) {
-            SSL_LOG(VESK_DEBUG_LOW, "Custom Metrics queue limit reached at %lu/%lu", n, max);
-            customMetricQueueReady_ = false;
-            return false;
-        }
-    } else {
-        if (full) return false;
-        SSL_LOG(VESK_DEBUG_LOW, "Custom Metrics queue ready at %lu/%lu", n, max);
-        customMetricQueueReady_ = true;
-    }
+    // Refused, not dropped from the front, while nearly full.
+    if (!customMetricQueueAdmits(customMetricQueueReady_, customMetricQueue.count(), customMetricQueue.size() - 1))
+        return false;
     customMetricQueue.push(
         std::make_shared<CustomMetricMessage>(service, name, value, count, hostTag, isSummary, tags, tagCount));
-    return customMetricQueueReady_;
+    return true;
 }
 
 HostFacts vesk_ssl_reporter::hostFacts() {

@@ -2,6 +2,8 @@
 
 #include <ctype.h>
 
+#include "corvidine/debug_log.h"
+
 namespace corvidine {
 
 namespace {
@@ -32,6 +34,16 @@ std::string urldecode(const std::string &text) {
 }
 
 }  // namespace
+
+bool customMetricQueueAdmits(std::atomic<bool> &ready, unsigned long n, unsigned long max) {
+    bool full = n + 2 > max;
+    if (ready.load() == !full) return !full;
+    ready = !full;
+    VESK_DEBUG_LOG(VESK_DEBUG_MODULE_REPORTER_SSL, VESK_DEBUG_LOW,
+                   full ? "Custom Metrics queue limit reached at %lu/%lu" : "Custom Metrics queue ready at %lu/%lu", n,
+                   max);
+    return !full;
+}
 
 CustomMetricMessage::CustomMetricMessage(const char *service, const char *name, double value, int count,
                                          int hostTag, int isSummary, const vesk_metric_tag_t *tags,

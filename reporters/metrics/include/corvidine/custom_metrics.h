@@ -19,6 +19,7 @@
 
 #include <stddef.h>
 
+#include <atomic>
 #include <string>
 
 #include "corvidine/aggregates.h"
@@ -34,6 +35,12 @@ constexpr int kDefaultMaxCustomMetrics = 500;
 inline size_t customMetricTagLimit(bool hostTag) {
     return hostTag ? kMaxCustomMetricTags - 1 : kMaxCustomMetricTags;
 }
+
+// Whether a custom metric may go into a queue holding `n` of at most `max`:
+// not while fewer than 2 places are left. `ready` remembers the last answer,
+// so that "Custom Metrics queue limit reached" and "Custom Metrics queue
+// ready" are logged once at each edge (and ready once at the start).
+bool customMetricQueueAdmits(std::atomic<bool> &ready, unsigned long n, unsigned long max);
 
 class CustomMetricMessage {
 public:
