@@ -157,3 +157,5 @@ async function route() {
 
 window.addEventListener("hashchange", route);
 route();
+// The list fills as requests come in: the home view refreshes itself while it is shown.
+setInterval(() => { if (!location.hash.startsWith("#/trace/") && !document.hidden) route(); }, 5000);
