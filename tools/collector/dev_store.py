@@ -133,11 +133,13 @@ class Store:
         """When the last document of a kind ("metrics", "status") came, 0 for never."""
         return self.db().execute("SELECT COALESCE(MAX(received), 0) FROM documents WHERE kind = ?", (kind,)).fetchone()[0]
 
-    def traces(self, limit=100):
-        """The latest traces, newest first: root transaction, URL, duration, hosts, errors."""
+    def traces(self, limit=100, since=0.0):
+        """The latest traces (first event received at `since` or later), newest first: root transaction, URL,
+        duration, hosts, errors."""
         rows = self.db().execute(
             "SELECT task, MIN(ts) AS start, MAX(ts) AS end, COUNT(*) AS n, GROUP_CONCAT(DISTINCT host) AS hosts, "
-            "SUM(label = 'error') AS errors FROM events GROUP BY task ORDER BY MAX(id) DESC LIMIT ?", (limit,))
+            "SUM(label = 'error') AS errors FROM events GROUP BY task HAVING MIN(received) >= ? "
+            "ORDER BY MAX(id) DESC LIMIT ?", (since, limit))
         out = []
         for row in rows.fetchall():
             root = self._root(row["task"])

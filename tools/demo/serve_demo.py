@@ -50,6 +50,7 @@ class DemoShop:
         self.web = WebPage(self.collector.store, web_port)
         self.servers, self.daemons = [], []
         self.profiling, self.log = profiling, log or (lambda message: None)
+        self.since = 0.0  # when the traffic began: the traces to wait for came after it
 
     def agent_env(self, service):
         return {"CORVIDINE_REPORTER": "ssl", "CORVIDINE_COLLECTOR": "127.0.0.1:%d" % self.collector.port,
@@ -100,7 +101,7 @@ class DemoShop:
 
     def traffic(self, paths=TRAFFIC):
         """Sends the requests one by one; returns [(path, status, X-Trace)]."""
-        answers = []
+        self.since, answers = time.time(), []
         for path in paths:
             response = harness.curl(self.shop.url(path))
             answers.append((path, response.status, response.header("X-Trace")))
@@ -112,7 +113,7 @@ class DemoShop:
         documents sent after that (every worker sends on the same clock tick); returns the store's counts."""
         deadline = time.time() + timeout
         store = self.collector.store
-        while time.time() < deadline and sum(1 for t in store.traces() if t["transaction"]) < traces:
+        while time.time() < deadline and sum(1 for t in store.traces(since=self.since) if t["transaction"]) < traces:
             time.sleep(0.2)
         done, deadline = time.time(), time.time() + metrics_seconds
         while time.time() < deadline and store.last_received("metrics") < done:
@@ -133,12 +134,12 @@ class DemoShop:
         self.collector.stop()
 
 
-def summary(store, url, out=sys.stdout):
+def summary(store, url, since=0.0, out=sys.stdout):
     counts = store.counts()
-    out.write("\n== traces at %s\n" % url)
+    out.write("\n== traces at %s (this run's below)\n" % url)
     out.write("received: %s\n\n" % ", ".join("%s %d" % kv for kv in sorted(counts.items())))
     out.write("%-40s %-20s %9s %6s %7s  %s\n" % ("transaction", "url", "ms", "spans", "errors", "services"))
-    for t in store.traces(20):
+    for t in store.traces(20, since):
         spans = store.trace(t["task"])
         out.write("%-40s %-20s %9.1f %6d %7d  %s\n" % (t["transaction"][:40], t["url"][:20], t["duration"] / 1000.0,
                                                       len(spans), t["errors"],
@@ -174,7 +175,7 @@ def main():
         shop.traffic()
         print("\n== waiting for the traces, and for the metrics (a worker's first come on the full minute)")
         shop.wait_for(len(TRAFFIC), metrics_seconds=75)
-        summary(shop.collector.store, shop.web.url)
+        summary(shop.collector.store, shop.web.url, shop.since)
         if shop.crashes():
             print("php-fpm workers crashed: %s" % shop.crashes())
             return 1
