@@ -108,6 +108,8 @@ def main(argv):
                     run["cpu_us"] = (sum(worker_cpu_ns(s.processes[0].pid) for s in shop.servers) - cpu) / 1000.0 / \
                         (run["rps"] * SECONDS)
                     run["events"] = shop.collector.store.counts().get("events", 0) - events
+                    if name == "sampled" and run["events"] == 0:
+                        raise RuntimeError("sampled: no event reached the Collector")
                     if shop.crashes():
                         raise RuntimeError("%s: %s" % (name, shop.crashes()))
                 finally:

@@ -103,8 +103,10 @@ class DevCollectorPage(unittest.TestCase):
 
     def test_trace_list_and_percentiles(self):
         tables = Tables(browser("", "dev-collector-home.png")).tables
-        # (time, transaction, URL, status, ms, events, hosts, badges): every request sent, its status.
+        # (time, transaction, URL, status, ms, events, hosts, services, badges): every request sent, its status.
         seen = {(row[2], row[3]) for row in tables.get("traces", [])}
+        checkout = [row[7] for row in tables["traces"] if row[2] == "/checkout.php"][0]
+        self.assertEqual(checkout.split(", "), sorted(s.url("")[len("http://"):] for s in shop.servers))
         for url, status in (("/index.php", "200"), ("/product.php?id=9", "404"), ("/checkout.php", "200"),
                             ("/broken.php", "500")):
             self.assertIn((url, status), seen)

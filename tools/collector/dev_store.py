@@ -135,9 +135,10 @@ class Store:
 
     def traces(self, limit=100, since=0.0):
         """The latest traces (first event received at `since` or later), newest first: root transaction, URL,
-        duration, hosts, errors."""
+        duration, hosts, services (the HTTP hosts its PHP spans served), errors."""
         rows = self.db().execute(
             "SELECT task, MIN(ts) AS start, MAX(ts) AS end, COUNT(*) AS n, GROUP_CONCAT(DISTINCT host) AS hosts, "
+            "GROUP_CONCAT(DISTINCT json_extract(doc, '$.\"HTTP-Host\"')) AS services, "
             "SUM(label = 'error') AS errors FROM events GROUP BY task HAVING MIN(received) >= ? "
             "ORDER BY MAX(id) DESC LIMIT ?", (since, limit))
         out = []
@@ -145,6 +146,7 @@ class Store:
             root = self._root(row["task"])
             out.append({"task": row["task"], "start": row["start"], "duration": (row["end"] or 0) - (row["start"] or 0),
                         "events": row["n"], "hosts": sorted((row["hosts"] or "").split(",")),
+                        "services": sorted(filter(None, (row["services"] or "").split(","))),
                         "errors": row["errors"] or 0, "transaction": root.get("TransactionName", ""),
                         "url": root.get("URL", ""), "status": root.get("Status"), "service": root.get("SN", ""),
                         "profiled": self.db().execute("SELECT 1 FROM profiles WHERE task = ? LIMIT 1",

@@ -34,13 +34,13 @@ async function home() {
   const [traces, pct, profile] = await Promise.all([get("/api/traces"), get("/api/percentiles"), get("/api/profile")]);
   view.replaceChildren(
     el("h2", {}, "Recent traces"),
-    traces.length ? table("traces", [["time"], ["transaction"], ["URL"], ["status"], ["ms", 1], ["events", 1], ["hosts"], [""]],
+    traces.length ? table("traces", [["time"], ["transaction"], ["URL"], ["status"], ["ms", 1], ["events", 1], ["hosts"], ["services"], [""]],
       traces.map((t) => el("tr", { class: "link", onclick: () => (location.hash = "#/trace/" + t.task) },
         el("td", {}, new Date(t.start / 1000).toLocaleTimeString()),
         el("td", {}, t.transaction), el("td", {}, t.url),
         el("td", t.status >= 500 ? { class: "err" } : {}, t.status),
         el("td", { class: "num" }, ms(t.duration)), el("td", { class: "num" }, t.events),
-        el("td", {}, t.hosts.join(", ")),
+        el("td", {}, t.hosts.join(", ")), el("td", {}, t.services.join(", ")),
         el("td", {}, t.errors ? el("span", { class: "badge err" }, `${t.errors} errors`) : "",
           t.profiled ? el("span", { class: "badge" }, "profiled") : ""))))
       : el("p", { class: "muted" }, "No traces yet: send the agent some requests."),
