@@ -4,6 +4,7 @@ the trace list, a trace's spans in order across both services with the sanitized
 percentile table from the agent's histograms, and the profile. Screenshots go to build-logs/."""
 import html.parser
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -49,20 +50,25 @@ def tearDownModule():
 
 
 class Tables(html.parser.HTMLParser):
-    """The text of every table cell, per table class: {class: [[cell, ...], ...]} (header rows left out)."""
+    """The text of every table cell, per table class: {class: [[cell, ...], ...]} (header rows left out), and
+    the indentation of each row's first cell as the page draws it (its padding-left in px)."""
 
     def __init__(self, dom):
         super().__init__()
-        self.tables, self.current, self.row, self.cell = {}, None, None, None
+        self.tables, self.indents, self.current, self.row, self.cell = {}, {}, None, None, None
         self.feed(dom)
 
     def handle_starttag(self, tag, attrs):
         if tag == "table":
-            self.current = self.tables.setdefault(dict(attrs).get("class", ""), [])
+            name = dict(attrs).get("class", "")
+            self.current, self.indent = self.tables.setdefault(name, []), self.indents.setdefault(name, [])
         elif tag == "tr" and self.current is not None:
             self.row = []
         elif tag == "td" and self.row is not None:
             self.cell = ""
+            if not self.row:
+                padding = re.search(r"padding-left:\s*(\d+)px", dict(attrs).get("style") or "")
+                self.indent.append(int(padding.group(1)) if padding else 0)
 
     def handle_endtag(self, tag):
         if tag == "td" and self.cell is not None:
@@ -131,17 +137,25 @@ class DevCollectorPage(unittest.TestCase):
                     ("php_http", "/warehouse.php → 200"), ("PHP", "GET /warehouse.php"),
                     ("php_pdo", "INSERT INTO orders (total, receipt) VALUES (?, ?)")]
         self.assertEqual([layer for layer, _, _ in spans], [layer for layer, _ in expected])
+        # Nesting: the remote service's request under the cURL call, the warehouse under the HTTP stream call.
+        depths = [0, 1, 1, 1, 2, 3, 3, 3, 3, 3, 4, 1]
+        self.assertEqual(page.indents["waterfall"], [8 + 16 * d for d in depths])
         for (layer, text, service), (_, shown) in zip(spans, expected):
             self.assertIn(shown, text)
         services = [service for _, _, service in spans]
         self.assertEqual(services[4:11], [shop.servers[0].url("")[len("http://"):]] * 7)
         self.assertEqual({services[0]} | set(services[1:4]) | {services[11]}, {shop.shop.url("")[len("http://"):]})
+        # A 30 ms request sampled every 20 ms: at least one stack, whose outermost frame is a script's top level.
         frames = [row[0] for row in page.tables.get("frames", [])]
-        self.assertTrue({"curl_exec", "usleep", "file_get_contents"} & set(frames), frames)
+        self.assertTrue([f for f in frames if re.fullmatch(r"\{main\} \((checkout|stock|warehouse)\.php:\d+\)", f)],
+                        frames)
 
     def test_errors_shown_on_their_span(self):
         dom = browser("#/trace/" + [t["task"] for t in shop.collector.store.traces() if t["url"] == "/broken.php"][0])
-        rows = Tables(dom).tables["waterfall"]
-        self.assertIn("payment backend refused the card", " ".join(r[0] for r in rows))
-        self.assertIn("stock count looks stale", " ".join(r[0] for r in rows))
-        self.assertIn("SELECT * FROM no_such_table WHERE id = 0", " ".join(r[0] for r in rows))
+        rows = [r[0] for r in Tables(dom).tables["waterfall"]]
+        # The request's span, its two errors under it, then the failed query's span with its sanitized text.
+        self.assertEqual(len(rows), 4, rows)
+        self.assertTrue(rows[0].startswith("PHP GET /broken.php → 500"), rows)
+        self.assertIn("stock count looks stale", rows[1])
+        self.assertIn("Uncaught RuntimeException: payment backend refused the card", rows[2])
+        self.assertEqual(rows[3], "php_pdo SELECT * FROM no_such_table WHERE id = 0")

@@ -231,8 +231,8 @@ def profile_stacks(docs):
 def build_spans(events):
     """Entry/exit pairs into spans, each under its parent, in start order. An event's span follows its
     edges: an entry opens a span below the span of the event its edge points at (the parent of that span
-    when the event is an exit); an info or exit belongs to that span, and an exit, among several edges,
-    to the open span of its own layer (a cURL exit also points at the remote service's exit)."""
+    when the event is an exit); an info or exit belongs to that span, the first one still open among
+    several (a cURL exit also points at the remote service's exit, whose parent is the cURL span)."""
     by_op = {}
     spans = []
 
@@ -252,8 +252,7 @@ def build_spans(events):
                     "end": None, "parent": parent, "closed": False, "keys": {}, "errors": [], "events": 1}
             spans.append(span)
         else:
-            own = [s for s in candidates if not s["closed"] and s["layer"] == e.get("Layer")]
-            span = (own or [s for s in candidates if not s["closed"]] or candidates or [None])[0]
+            span = ([s for s in candidates if not s["closed"]] or candidates or [None])[0]
             if span is None:
                 continue  # an event whose span never arrived
             span["events"] += 1
