@@ -145,7 +145,7 @@ def summary(store, url, since=0.0, out=sys.stdout):
                                                       len(spans), t["errors"],
                                                       " ".join(sorted({s["service"] for s in spans}))))
     rows = store.percentiles()["rows"]
-    out.write("\nresponse times (ms) from the metrics histograms:\n")
+    out.write("\nresponse times (ms) from the metrics histograms (all requests so far):\n")
     if not rows:
         out.write("  none yet (the agent sends metrics every MetricsFlushInterval seconds)\n")
     for r in rows:
@@ -153,11 +153,14 @@ def summary(store, url, since=0.0, out=sys.stdout):
         out.write("  %-12s %-36s n=%-5d p50 %7.1f  p90 %7.1f  p99 %7.1f  max %7.1f\n"
                   % (r["service"], r["transaction"][:36], r["count"], p["p50"] / 1000.0, p["p90"] / 1000.0,
                      p["p99"] / 1000.0, r["max"] / 1000.0))
-    top = store.profile()[:5]
-    if top:
-        out.write("\nmost sampled stacks (innermost frame):\n")
-        for s in top:
-            out.write("  %5d  %s\n" % (s["samples"], s["stack"][-1] if s["stack"] else "?"))
+    leaves = {}
+    for s in store.profile():
+        leaf = s["stack"][-1] if s["stack"] else "?"
+        leaves[leaf] = leaves.get(leaf, 0) + s["samples"]
+    if leaves:
+        out.write("\nprofiling samples by innermost frame (all requests so far):\n")
+        for leaf, samples in sorted(leaves.items(), key=lambda kv: -kv[1])[:6]:
+            out.write("  %5d  %s\n" % (samples, leaf))
 
 
 def main():
