@@ -102,6 +102,7 @@ bench-ext: deps
 bench-http: deps
 	@tools/bench-http.sh
 	@tools/bench-laravel.sh
+	@tools/bench-shop.sh
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(TSAN_BUILD) build-cov build-logs

@@ -23,6 +23,8 @@ packages+=(php-parser)
 packages+=(php8.2-mysql php8.2-sqlite3 mariadb-server)
 # The key-value wrappers' tests: phpredis, php-memcached, predis and the servers they start themselves.
 packages+=(php8.2-redis php8.2-memcached php8.2-igbinary php8.2-msgpack php-predis redis-server memcached)
+# The dev Collector's page is checked in a real browser (headless).
+packages+=(chromium)
 
 missing=()
 for p in "${packages[@]}"; do

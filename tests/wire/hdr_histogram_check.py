@@ -45,6 +45,19 @@ def value_sets(rng):
     return sets
 
 
+def dev_collector_stats(text):
+    """The line HdrJavaCodec prints, from tools/collector/hdr_decode.py's reading."""
+    sys.path.insert(0, os.path.join(ROOT, "tools", "collector"))
+    import hdr_decode
+    merged = hdr_decode.merge([hdr_decode.decode(text)])
+    total = sum(c for _, c in merged.values())
+    if total == 0:
+        return "0 0 0"
+    low = min((v for v in merged if v > 0), default=0)
+    values = hdr_decode.percentiles(merged, list(range(1, 101)) + [0.1, 99.9])
+    return " ".join(map(str, [total, low, values[99]] + values))
+
+
 def main():
     build = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build"))
     tool = os.path.join(build, "hdr_wire_tool")
@@ -63,6 +76,7 @@ def main():
         "hdr-histogram-js reads ours": run(node, our_texts),
         "ours reads java's": run([tool, "decode"], java_texts),
         "hdr-histogram-js reads java's": run(node, java_texts),
+        "the dev Collector reads java's": [dev_collector_stats(text) for text in java_texts],
     }
     failures = 0
     for i, ((figures, _), (_, stats)) in enumerate(zip(sets, ours)):
@@ -74,6 +88,17 @@ def main():
             if got.split() != stats.split():
                 failures += 1
                 print(f"set {i} (precision {figures}): {name}: {got[:200]!r} != ours {stats[:200]!r}")
+    # Bad text is refused with ValueError (the dev Collector counts it as undecodable), never a crash or a hang.
+    sys.path.insert(0, os.path.join(ROOT, "tools", "collector"))
+    import hdr_decode
+    good = java_texts[0]
+    for bad in ("", "not base64!", good[:len(good) // 2], "AAAA" + good[4:], good[:12] + "A" * (len(good) - 12)):
+        try:
+            hdr_decode.decode(bad)
+            failures += 1
+            print(f"the dev Collector took a bad histogram text: {bad[:40]!r}")
+        except ValueError:
+            pass
     checked = len(sets) * (1 + len(readings))
     print(f"hdr_histogram_check: {len(sets)} histograms, {checked} readings compared, {failures} differ")
     return 1 if failures else 0

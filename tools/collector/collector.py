@@ -134,6 +134,12 @@ class Collector:
             except OSError:
                 pass
 
+    def received(self, record):
+        """Keeps one decoded call and picks its reply (a subclass may store it elsewhere)."""
+        with self._lock:
+            self.calls.append(record)
+            return self._replies[record["method"]].pop(0) if self._replies[record["method"]] else "OK"
+
     # -- serving -----------------------------------------------------------
 
     def _accept(self):
@@ -197,9 +203,7 @@ class Collector:
             reader.readMessageEnd()
             record = {"method": name, "conn": number, "type": mtype, "seqid": seqid}
             record.update(_plain(args))
-            with self._lock:
-                self.calls.append(record)
-                reply = self._replies[name].pop(0) if self._replies[name] else "OK"
+            reply = self.received(record)
             if reply == "HANG":
                 self._stop.wait()
                 return

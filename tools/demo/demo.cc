@@ -1,5 +1,5 @@
 // Writes one small trace with the file reporter: what the agent produces for
-// a request that makes one outgoing call. Used by `make run` to show the core.
+// a request that makes one outgoing call. tests/wire/demo_trace_check.py decodes it.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

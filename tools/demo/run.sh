@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # `make run`: builds the extension against Debian's PHP 8.2 and shows it
-# tracing the demo shop served by nginx + php-fpm.
+# tracing the demo shop (nginx + php-fpm, MariaDB, Redis, an inventory
+# service over HTTP) into the local development Collector and its web page.
+# Ends after the summary when not on a terminal or with CORVIDINE_DEMO_EXIT=1.
 set -euo pipefail
 export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
 root=$(cd "$(dirname "$0")/../.." && pwd)
