@@ -108,7 +108,10 @@ function flame(stacks) {
 function spanLabel(s) {
   const k = s.keys;
   if (k.Query) return k.Query;
-  if (k.KVOp) return k.KVOp + (k.KVKey != null ? " " + k.KVKey : "") + (k.KVHit != null ? (k.KVHit ? " (hit)" : " (miss)") : "");
+  // phpredis reports a hit only for a boolean true result (a string read is 0),
+  // so only memcached's 0 means a miss.
+  if (k.KVOp) return k.KVOp + (k.KVKey != null ? " " + k.KVKey : "") +
+    (k.KVHit ? " (hit)" : k.KVHit === 0 && s.layer === "memcached" ? " (miss)" : "");
   if (k.RemoteURL) return `${k.HTTPMethod || ""} ${k.RemoteURL}` + (k.HTTPStatus ? ` → ${k.HTTPStatus}` : "");
   if (k.URL) return `${k.Method || ""} ${k.URL}` + (k.Status ? ` → ${k.Status}` : "");
   return k.Function || k.FunctionName || "";
