@@ -142,26 +142,31 @@ void appendMetricsMessage(BsonMessages &batch, std::string message) {
     }
 }
 
-void vesk_ssl_reporter::postMetricsStep(MetricSenderState &st, Clock::time_point now) {
-    if (!retryAllowed(st.metricsRetry, RetryClock::now()) && st.flushPasses == 0) return;
-    if (st.metricsBatch.messages.empty()) return;
+// One post of the metrics or the status batch and the handling of its reply:
+// the two calls differ only in the method and in their batch and retry state.
+void vesk_ssl_reporter::postBatch(MetricSenderState &st, Clock::time_point now, bool status) {
+    BsonMessages &batch = status ? st.statusBatch : st.metricsBatch;
+    RetryState &retry = status ? st.statusRetry : st.metricsRetry;
+    const char *method = status ? "postStatus" : "postMetrics";
+    const char *name = status ? "metricSender.postStatus" : "metricSender.postMetrics";
     CollectorLink &link = connector().metricLink;
     try {
         wire::ResultMessage reply;
         wire::HostID id = hostIdentity.copy();
-        link.client->postMetrics(reply, apiKey, st.metricsBatch.messages, wire::EncodingType::BSON, id);
-        if (handleMetricReply(st, reply, st.metricsBatch, st.metricsRetry, false) &&
-            setRetryDelay(st.metricsRetry, "metricSender.postMetrics", RetryClock::now()) != 0) {
-            METRIC_USAGE(VESK_DEBUG_ERROR,
-                         "metricSender.postMetrics: Exceeded max number of retries (%d). Dropping message.",
+        if (status)
+            link.client->postStatus(reply, apiKey, batch.messages, wire::EncodingType::BSON, id);
+        else
+            link.client->postMetrics(reply, apiKey, batch.messages, wire::EncodingType::BSON, id);
+        if (handleMetricReply(st, reply, batch, retry, status) &&
+            setRetryDelay(retry, name, RetryClock::now()) != 0) {
+            METRIC_USAGE(VESK_DEBUG_ERROR, "%s: Exceeded max number of retries (%d). Dropping message.", name,
                          kRetryMaxAttempts);
-            st.metricsBatch = BsonMessages();
+            batch = BsonMessages();
         }
     } catch (const TException &e) {
-        METRIC_LOG(VESK_DEBUG_LOW, "metricSender: Error during postMetrics(): %s", e.what());
+        METRIC_LOG(VESK_DEBUG_LOW, "metricSender: Error during %s(): %s", method, e.what());
         metricConnected = false;
-        if (setRetryDelay(st.metricsRetry, "metricSender.postMetrics", RetryClock::now()) != 0)
-            st.metricsBatch = BsonMessages();
+        if (setRetryDelay(retry, name, RetryClock::now()) != 0) batch = BsonMessages();
     }
     st.nextPing = now + std::chrono::seconds(kPingIntervalS);
 }
@@ -236,35 +241,19 @@ void vesk_ssl_reporter::metricSender() {
         if (now >= st.nextMetrics || st.flushPasses == 1) {
             st.scheduledInterval = metricsFlushInterval.load();
             st.nextMetrics = Clock::now() + std::chrono::seconds(getMetricsMsgNextInterval(st.scheduledInterval));
-            appendMetricsMessage(st.metricsBatch, generateMetricsMessage());
-            if (!customMetrics.empty()) appendMetricsMessage(st.metricsBatch, generateCustomMetricsMessage());
+            HostFacts facts = hostFacts();
+            appendMetricsMessage(st.metricsBatch, generateMetricsMessage(facts));
+            if (!customMetrics.empty()) appendMetricsMessage(st.metricsBatch, generateCustomMetricsMessage(facts));
         }
 
         if (metricConnected) {
-            postMetricsStep(st, now);
+            bool metricsWait = !retryAllowed(st.metricsRetry, wallNow) && st.flushPasses == 0;
+            if (!metricsWait && !st.metricsBatch.messages.empty()) postBatch(st, now, false);
             bool statusWaits = !retryAllowed(st.statusRetry, wallNow) && st.flushPasses == 0;
             bool statusWaiting = st.statusBatch.bytes > 0 || statusQueue.count() > 0;
             if (!statusWaits && !threadsStop && metricConnected && statusWaiting &&
-                drainStatus(statusQueue, st.statusBatch, 100) > 0) {
-                wire::HostID id = hostIdentity.copy();
-                try {
-                    wire::ResultMessage reply;
-                    link.client->postStatus(reply, apiKey, st.statusBatch.messages, wire::EncodingType::BSON, id);
-                    if (handleMetricReply(st, reply, st.statusBatch, st.statusRetry, true) &&
-                        setRetryDelay(st.statusRetry, "metricSender.postStatus", RetryClock::now()) != 0) {
-                        METRIC_USAGE(VESK_DEBUG_ERROR,
-                                     "metricSender.postStatus: Exceeded max number of retries (%d). Dropping message.",
-                                     kRetryMaxAttempts);
-                        st.statusBatch = BsonMessages();
-                    }
-                } catch (const TException &e) {
-                    METRIC_LOG(VESK_DEBUG_LOW, "metricSender: Error during postStatus(): %s", e.what());
-                    metricConnected = false;
-                    if (setRetryDelay(st.statusRetry, "metricSender.postStatus", RetryClock::now()) != 0)
-                        st.statusBatch = BsonMessages();
-                }
-                st.nextPing = now + std::chrono::seconds(kPingIntervalS);
-            }
+                drainStatus(statusQueue, st.statusBatch, 100) > 0)
+                postBatch(st, now, true);
             if (st.flushPasses != 0 && statusQueue.count() == 0) {
                 doFlushMetrics_ = false;
                 METRIC_LOG(VESK_DEBUG_LOW, "doFlushMetrics_ set to false");

@@ -150,18 +150,18 @@ HostFacts vesk_ssl_reporter::hostFacts() {
     return facts;
 }
 
-std::string vesk_ssl_reporter::generateMetricsMessage() {
+std::string vesk_ssl_reporter::generateMetricsMessage(const HostFacts &facts) {
     ReporterTotals totals;
     totals.numSent = static_cast<int64_t>(getSentCount());
     totals.numOverflowed = static_cast<int64_t>(getOverflowedCount());
     totals.numFailed = static_cast<int64_t>(getFailedCount());
     totals.totalEvents = static_cast<int64_t>(getQueuedCount());
     totals.queueLargest = static_cast<int64_t>(getQueueLargest());
-    return corvidine::generateMetricsMessage(hostFacts(), totals, spans, metricsFlushInterval.load());
+    return corvidine::generateMetricsMessage(facts, totals, spans, metricsFlushInterval.load());
 }
 
-std::string vesk_ssl_reporter::generateCustomMetricsMessage() {
-    return customMetrics.generateCustomMetricsMessage(hostFacts(), metricsFlushInterval.load());
+std::string vesk_ssl_reporter::generateCustomMetricsMessage(const HostFacts &facts) {
+    return customMetrics.generateCustomMetricsMessage(facts, metricsFlushInterval.load());
 }
 
 template <typename Q>

@@ -142,9 +142,11 @@ public:
     // Metric thread: applies the keys the Collector pushes with its settings.
     void processRemoteConfig(const std::map<std::string, std::string> &arguments);
     // Metric thread: this interval's documents (metrics_message.h,
-    // custom_metrics.h) with this host's facts; they consume the aggregates.
-    std::string generateMetricsMessage();
-    std::string generateCustomMetricsMessage();
+    // custom_metrics.h) with this host's facts, gathered once for both
+    // (hostFacts); they consume the aggregates.
+    HostFacts hostFacts();
+    std::string generateMetricsMessage(const HostFacts &facts);
+    std::string generateCustomMetricsMessage(const HostFacts &facts);
 
     // The table's extended record, freed with the reporter.
     vesk_reporter_extended_t *extended = nullptr;
@@ -171,8 +173,7 @@ private:
     // True when the call is to be retried (the batch stays).
     bool handleMetricReply(class MetricSenderState &state, const ::collector::thrift::ResultMessage &reply,
                            BsonMessages &batch, RetryState &retry, bool isStatus);
-    void postMetricsStep(class MetricSenderState &state, Clock::time_point now);
-    HostFacts hostFacts();
+    void postBatch(class MetricSenderState &state, Clock::time_point now, bool status);
     void copyHostId(::collector::thrift::HostID &out);
     // Sender threads: a sleep that disconnect cuts short, so that a process
     // does not wait out a sender's idle pause when it ends.

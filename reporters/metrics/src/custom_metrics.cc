@@ -96,10 +96,7 @@ std::string CustomMetrics::generateCustomMetricsMessage(const HostFacts &host, i
     taken.swap(measurements_);
     for (const auto &entry : taken) addMeasurements(&b, &index, *entry.second);
     vesk_bson_append_finish_object(&b);
-    std::string result;
-    if (const char *data = vesk_bson_buffer_finish(&b)) result.assign(data, vesk_bson_buffer_size(&b));
-    vesk_bson_buffer_destroy(&b);
-    return result;
+    return finishMetricsDocument(&b);
 }
 
 }  // namespace corvidine

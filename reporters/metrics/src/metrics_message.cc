@@ -156,6 +156,13 @@ void appendMetricsHead(vesk_bson_buffer *b, const HostFacts &host, bool full, in
     vesk_bson_append_long(b, "MetricsFlushInterval", interval);
 }
 
+std::string finishMetricsDocument(vesk_bson_buffer *b) {
+    std::string result;
+    if (const char *data = vesk_bson_buffer_finish(b)) result.assign(data, vesk_bson_buffer_size(b));
+    vesk_bson_buffer_destroy(b);
+    return result;
+}
+
 std::string generateMetricsMessage(const HostFacts &host, const ReporterTotals &totals, SpanAggregator &spans,
                                    int interval) {
     vesk_bson_buffer b;
@@ -187,10 +194,7 @@ std::string generateMetricsMessage(const HostFacts &host, const ReporterTotals &
     }
     vesk_bson_append_finish_object(&b);
 
-    std::string result;
-    if (const char *data = vesk_bson_buffer_finish(&b)) result.assign(data, vesk_bson_buffer_size(&b));
-    vesk_bson_buffer_destroy(&b);
-    return result;
+    return finishMetricsDocument(&b);
 }
 
 }  // namespace corvidine

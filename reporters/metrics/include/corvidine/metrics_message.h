@@ -73,6 +73,10 @@ void addHistogram(vesk_bson_buffer *b, int *index, const char *value, const Tags
 // Distro and Uname* only when `full`), then MetricsFlushInterval.
 void appendMetricsHead(vesk_bson_buffer *b, const HostFacts &host, bool full, int interval);
 
+// Finishes and destroys the buffer; the document's bytes, or an empty string
+// when it could not be finished (the caller then sends nothing).
+std::string finishMetricsDocument(vesk_bson_buffer *b);
+
 // The document bytes; empty (aggregates left in place) when no buffer can be
 // made, or empty after them when it cannot be finished.
 std::string generateMetricsMessage(const HostFacts &host, const ReporterTotals &totals, SpanAggregator &spans,
