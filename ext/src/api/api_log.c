@@ -194,27 +194,32 @@ static int php_vesk_call_exception_method(zval *exception, const char *name, zva
     return 0;
 }
 
+/* One of the exception's methods as a string the list keeps; NULL with an
+ * exception pending. */
+static zend_string *php_vesk_exception_text(php_vesk_info_list *list, zval *exception, const char *method) {
+    zval result;
+    if (php_vesk_call_exception_method(exception, method, &result) != 0) {
+        return NULL;
+    }
+    zend_string *text = zval_try_get_string(&result);
+    zval_ptr_dtor(&result);
+    if (text != NULL) {
+        php_vesk_info_list_keep(list, text);
+    }
+    return text;
+}
+
 static int php_vesk_add_exception_records(php_vesk_info_list *list, int *want_backtrace, void *data) {
     zval *exception = data;
-    zval message, file, line;
-    if (php_vesk_call_exception_method(exception, "getmessage", &message) != 0) {
-        return -1;
-    }
-    zend_string *message_text = zval_try_get_string(&message);
-    zval_ptr_dtor(&message);
+    zval line;
+    zend_string *message_text = php_vesk_exception_text(list, exception, "getmessage");
     if (message_text == NULL) {
         return -1;
     }
-    php_vesk_info_list_keep(list, message_text);
-    if (php_vesk_call_exception_method(exception, "getfile", &file) != 0) {
-        return -1;
-    }
-    zend_string *file_text = zval_try_get_string(&file);
-    zval_ptr_dtor(&file);
+    zend_string *file_text = php_vesk_exception_text(list, exception, "getfile");
     if (file_text == NULL) {
         return -1;
     }
-    php_vesk_info_list_keep(list, file_text);
     if (php_vesk_call_exception_method(exception, "getline", &line) != 0) {
         return -1;
     }

@@ -67,7 +67,7 @@ static void php_vesk_custom_metric(zval *return_value, zend_string *name, int su
     if (php_vesk_module_state_get() != PHP_VESK_STARTED) {
         RETURN_FALSE;
     }
-    const char *service_name = service != NULL && ZSTR_LEN(service) > 0 ? ZSTR_VAL(service) : NULL;
+    const char *service_name = service != NULL ? ZSTR_VAL(service) : NULL; /* the core takes "" as none */
     zval strings;
     size_t tag_count = 0;
     vesk_metric_tag_t *pairs = NULL;

@@ -14,7 +14,6 @@
 #include "src/lifecycle/module.h"
 #include "src/lifecycle/request.h"
 #include "src/profiler/profiler.h"
-#include "src/request/request_ini.h"
 #include "src/request/request_trace.h"
 
 /* Buffer of the context's string form. */
@@ -141,10 +140,7 @@ PHP_FUNCTION(corvidine_start_trace) {
     if (php_vesk_parse_info_pairs(info, backtrace, NULL, &want_backtrace, &list) != 0) {
         RETURN_NULL();
     }
-    /* What request start sets up for a trace of its own. */
-    VESK_G(triggered_trace) = 0;
-    VESK_G(phpredis_batch) = 0;
-    VESK_G(enable_sanitize_sql) = (int)php_vesk_request_ini_long(PHP_VESK_RINI_ENABLE_SANITIZE_SQL);
+    php_vesk_request_trace_reset();
 
     int sample_rate = 0, sample_source = 0;
     int rc = php_vesk_start_trace(layer, xtrace, &sample_rate, &sample_source, list.kvs, list.count,

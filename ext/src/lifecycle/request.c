@@ -30,6 +30,12 @@ int php_vesk_request_is_active(void) {
     return php_vesk_request_active;
 }
 
+void php_vesk_request_trace_reset(void) {
+    VESK_G(phpredis_batch) = 0;
+    VESK_G(enable_sanitize_sql) = (int)php_vesk_request_ini_long(PHP_VESK_RINI_ENABLE_SANITIZE_SQL);
+    VESK_G(triggered_trace) = 0;
+}
+
 /* The last key seen on this thread, the names it was compared with, and the
  * service it made ("" for none): the key seldom changes between requests. */
 ZEND_TLS char php_vesk_last_service_key[PHP_VESK_SERVICE_KEY_SIZE];
@@ -135,9 +141,7 @@ zend_result php_vesk_request_startup(void) {
     }
 
     VESK_G(trace_started) = 1;
-    VESK_G(phpredis_batch) = 0;
-    VESK_G(enable_sanitize_sql) = (int)php_vesk_request_ini_long(PHP_VESK_RINI_ENABLE_SANITIZE_SQL);
-    VESK_G(triggered_trace) = 0;
+    php_vesk_request_trace_reset();
     VESK_G(pd_keys) = NULL;
     VESK_G(profiling_enabled) = php_vesk_request_ini_on(PHP_VESK_RINI_ENABLE_PROFILING);
     if (VESK_G(profiling_enabled)) {

@@ -15,4 +15,8 @@ int php_vesk_request_inactive(void);
  * user API has a request to drive only then. */
 int php_vesk_request_is_active(void);
 
+/* The per-trace state a new trace starts from: at request start, and when
+ * PHP code starts a trace of its own (corvidine_start_trace). */
+void php_vesk_request_trace_reset(void);
+
 #endif
