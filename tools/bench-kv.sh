@@ -6,8 +6,8 @@
 #
 # phpredis against a redis-server and php-memcached against a memcached,
 # both started for the run on loopback (temporary directories). Traced runs
-# write every event with the file reporter into a directory in /dev/shm.
-# Runs alternate the order; medians, µs per call and the ratio to "without".
+# write every event with the file reporter; rounds, medians and ratios as
+# tools/bench_cli_rounds.py runs them.
 set -euo pipefail
 
 FLAVOUR=${1:-nts}
@@ -15,7 +15,9 @@ ROUNDS=${2:-5}
 CALLS=${3:-10000}
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-SO=$("$ROOT/tools/test-ext.sh" "$FLAVOUR" --build-only | tail -n1)
+export CORVIDINE_CLOUD_METADATA=off  # never a cloud lookup from a demo or benchmark
+
+. "$ROOT/tools/bench-php.sh"  # SO and PHP
 WORK=$(mktemp -d /tmp/corvidine-bench-kv.XXXXXX)
 trap 'rm -rf "$WORK"' EXIT
 
@@ -45,44 +47,21 @@ for ($i = 0; $i < $n; $i++) {
 echo (hrtime(true) - $start) / 1000 / $n, "\n";
 PHP
 
-PYTHONPATH="$ROOT/tests/integration" /usr/bin/python3 - "$SO" "$FLAVOUR" "$WORK" "$ROUNDS" "$CALLS" <<'PY'
+PYTHONPATH="$ROOT/tests/integration:$ROOT/tools" /usr/bin/python3 - "$PHP" "$SO" "$FLAVOUR" "$WORK" "$ROUNDS" "$CALLS" <<'PY'
 import os
-import shutil
-import statistics
-import subprocess
 import sys
-import tempfile
 
 import harness
+from bench_cli_rounds import BASELINE, CliRounds, agent
 
-so, flavour, work, rounds, calls = sys.argv[1], sys.argv[2], sys.argv[3], int(sys.argv[4]), sys.argv[5]
+php_bin, so, flavour, work, rounds, calls = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4], int(sys.argv[5]), sys.argv[6]
 php = harness.Php(flavour, so)
 ini = harness.key_value_ini(php)
 if ini is None:
     sys.exit("bench-kv: this PHP has neither phpredis nor php-memcached")
 modules = [a for item in ini["extension"] for a in ("-d", "extension=" + item)]
-agent = ["-d", "extension=" + so, "-d", "corvidine.enable_cli=1", "-d", "corvidine.max_ready_wait_time=-1"]
-variants = [("without extension", []), ("untraced", agent + ["-d", "corvidine.sample_rate=0"]), ("traced", agent)]
-shm = "/dev/shm" if os.path.isdir("/dev/shm") else work
-events = tempfile.mkdtemp(prefix="corvidine-bench-kv-", dir=shm)
-env = dict(os.environ, CORVIDINE_REPORTER="file", CORVIDINE_COLLECTOR=os.path.join(events, "trace"))
-
-
-def bench(script, extra_env):
-    times = {name: [] for name, _ in variants}
-    for r in range(rounds):
-        for name, args in (variants if r % 2 == 0 else list(reversed(variants))):
-            out = subprocess.run([php.cli, "-n"] + modules + args + [os.path.join(work, script), calls],
-                                 env=dict(env, **extra_env), capture_output=True, text=True, check=True)
-            times[name].append(float(out.stdout.strip().splitlines()[-1]))
-            for f in os.listdir(events):
-                os.unlink(os.path.join(events, f))
-    base = statistics.median(times["without extension"])
-    for name, _ in variants:
-        m = statistics.median(times[name])
-        print("  %-22s %7.2f µs/call   ratio %.3f" % (name, m, m / base))
-
-
+variants = [(BASELINE, []), ("untraced", agent(so) + ["-d", "corvidine.sample_rate=0"]), ("traced", agent(so))]
+rounds_of = CliRounds(php_bin, modules, variants, rounds, work)
 print("PHP %s, %s calls per run, %d rounds" % (flavour, calls, rounds))
 for module, server_class, script, variable in (("redis", harness.RedisServer, "redis.php", "REDIS_PORT"),
                                                ("memcached", harness.MemcachedServer, "memcached.php",
@@ -93,8 +72,8 @@ for module, server_class, script, variable in (("redis", harness.RedisServer, "r
     server = server_class().start()
     try:
         print("%s get, server on loopback TCP:" % module)
-        bench(script, {variable: str(server.port)})
+        rounds_of.run(os.path.join(work, script), calls, "call", {variable: str(server.port)})
     finally:
         server.stop()
-shutil.rmtree(events, ignore_errors=True)
+rounds_of.close()
 PY

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "corvidine/span_aggregator.h"
+#include "latency_samples.h"
 #include "ssl_reporter.h"  // the span queue type
 
 using namespace corvidine;
@@ -35,8 +36,7 @@ void BM_SpanPushOnRequestThread(benchmark::State &state) {
     static SpanAggregator *aggregator;
     static std::thread consumer;
     static std::atomic<bool> consuming;
-    static std::mutex samplesMutex;
-    static std::vector<int64_t> samples;
+    static LatencySamples samples;
     if (state.thread_index() == 0) {
         queue = new RingBuffer<SpanMessage, kQueueSlots>(1000);  // the reporter's default buffer size
         aggregator = new SpanAggregator();
@@ -62,22 +62,10 @@ void BM_SpanPushOnRequestThread(benchmark::State &state) {
         queue->push(std::make_shared<HttpSpanMessage>("shop", transaction, 1234, 200, "GET", 0));
         mine.push_back(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - t0).count());
     }
-    {
-        std::lock_guard<std::mutex> lock(samplesMutex);
-        samples.insert(samples.end(), mine.begin(), mine.end());
-    }
+    samples.add(mine);
     state.SetItemsProcessed(state.iterations());
     if (state.thread_index() == 0) {
-        while (true) {
-            {
-                std::lock_guard<std::mutex> lock(samplesMutex);
-                if (samples.size() >= static_cast<size_t>(state.iterations()) * state.threads()) break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        std::sort(samples.begin(), samples.end());
-        state.counters["p50_ns"] = static_cast<double>(samples[samples.size() / 2]);
-        state.counters["p99_ns"] = static_cast<double>(samples[samples.size() * 99 / 100]);
+        samples.report(state);
         state.counters["dropped"] = static_cast<double>(queue->overflowed());
         consuming = false;
         consumer.join();

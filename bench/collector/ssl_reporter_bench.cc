@@ -22,6 +22,7 @@
 #include "corvidine/ssl_reporter.h"
 #include "corvidine/startup.h"
 #include "dev_collector.h"
+#include "latency_samples.h"
 #include "ssl_reporter.h"
 
 using namespace corvidine;
@@ -71,8 +72,7 @@ void BM_PushPath(benchmark::State &state) {
     static vesk_ssl_reporter *reporter;
     static std::thread drain;
     static std::atomic<bool> draining;
-    static std::mutex samplesMutex;
-    static std::vector<int64_t> samples;
+    static LatencySamples samples;
     if (state.thread_index() == 0) {
         reporter = new vesk_ssl_reporter(nullptr, benchConfig());
         reporter->setSocketParams("127.0.0.1", 1);
@@ -90,23 +90,10 @@ void BM_PushPath(benchmark::State &state) {
         reporter->send(0, doc.data(), doc.size());
         mine.push_back(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - t0).count());
     }
-    {
-        std::lock_guard<std::mutex> lock(samplesMutex);
-        samples.insert(samples.end(), mine.begin(), mine.end());
-    }
+    samples.add(mine);
     state.SetItemsProcessed(state.iterations());
-    // Thread 0 reports once every thread has added its samples.
     if (state.thread_index() == 0) {
-        while (true) {
-            {
-                std::lock_guard<std::mutex> lock(samplesMutex);
-                if (samples.size() >= static_cast<size_t>(state.iterations()) * state.threads()) break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        std::sort(samples.begin(), samples.end());
-        state.counters["p50_ns"] = static_cast<double>(samples[samples.size() / 2]);
-        state.counters["p99_ns"] = static_cast<double>(samples[samples.size() * 99 / 100]);
+        samples.report(state);
         state.counters["dropped"] = static_cast<double>(reporter->getOverflowedCount());
         draining = false;
         drain.join();

@@ -106,25 +106,36 @@ def wrk(url, seconds, connections):
     requests = int(re.search(r"(\d+) requests in", out).group(1))
     avg = to_us(re.search(r"^\s*Latency\s+(\S+)", out, re.M).group(1))
     p50 = to_us(re.search(r"^\s*50%\s+(\S+)", out, re.M).group(1))
+    p99 = to_us(re.search(r"^\s*99%\s+(\S+)", out, re.M).group(1))
     errors = re.search(r"Non-2xx or 3xx responses: (\d+)|Socket errors: (.*)", out)
     if errors:
         raise RuntimeError("wrk saw errors: %s" % errors.group(0))
-    return {"rps": rps, "requests": requests, "avg_us": avg, "p50_us": p50}
+    return {"rps": rps, "requests": requests, "avg_us": avg, "p50_us": p50, "p99_us": p99}
 
 
 def worker_cpu_ns(master_pid):
-    """CPU time the php-fpm workers have used so far, in nanoseconds
-    (/proc/PID/schedstat): less sensitive to other load on the machine than
-    requests per second."""
+    """CPU time the php-fpm workers have used so far, every thread (a
+    reporter's too), in nanoseconds (/proc/PID/task/TID/schedstat): less
+    sensitive to other load on the machine than requests per second."""
     children = subprocess.run(["pgrep", "-P", str(master_pid)], capture_output=True, text=True).stdout.split()
     total = 0
     for pid in children:
         try:
-            with open("/proc/%s/schedstat" % pid) as handle:
-                total += int(handle.read().split()[0])
+            for task in os.listdir("/proc/%s/task" % pid):
+                with open("/proc/%s/task/%s/schedstat" % (pid, task)) as handle:
+                    total += int(handle.read().split()[0])
         except (FileNotFoundError, ProcessLookupError):
             pass
     return total
+
+
+def write_summary(summary):
+    """Prints the summary lines, and appends them to BENCH_SUMMARY when set (`make bench` collects them)."""
+    for line in summary:
+        print(line)
+    if os.environ.get("BENCH_SUMMARY"):
+        with open(os.environ["BENCH_SUMMARY"], "a") as handle:
+            handle.write("".join(line + "\n" for line in summary))
 
 
 def setups(listener):
@@ -227,8 +238,7 @@ def main(argv):
                        % (name, ratio, len(ratios), min(ratios), max(ratios), target, verdict))
         summary.append("wrk %-9s worker CPU ratio %.3f median, spread %.3f..%.3f"
                        % (name, statistics.median(cpu_ratios), min(cpu_ratios), max(cpu_ratios)))
-    for line in summary:
-        print(line)
+    write_summary(summary)
     print("added latency per sampled request: %.1f us (p50), %.1f us (avg); per unsampled: %.1f us (p50)"
           % (p50["sampled"] - p50["off"], avg["sampled"] - avg["off"], p50["unsampled"] - p50["off"]))
     print("added worker CPU per request: %.1f us sampled, %.1f us unsampled"
@@ -236,9 +246,6 @@ def main(argv):
     print("events received per sampled request: %.2f (entry and exit: 2)" % events_per_request)
     print("believe: the median ratios above, the worker CPU ratio where req/s swings (it leaves out time spent\n"
           "waiting for a CPU); for steering, the instruction counts of tools/bench-request-cost.sh")
-    if os.environ.get("BENCH_SUMMARY"):
-        with open(os.environ["BENCH_SUMMARY"], "a") as handle:
-            handle.write("".join(line + "\n" for line in summary))
     return 0
 
 

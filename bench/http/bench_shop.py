@@ -26,9 +26,7 @@ BENCH_SUMMARY (a file the summary lines are also written to).
 """
 import json
 import os
-import re
 import statistics
-import subprocess
 import sys
 import shutil
 import tempfile
@@ -49,29 +47,6 @@ PAGE = "/product.php?id=1"
 TARGET_THROUGHPUT, TARGET_P99 = 0.97, 0.90
 SETUPS = [("off", False, {}), ("unsampled", True, {"corvidine.sample_rate": "0"}),
           ("sampled", True, {"corvidine.sample_rate": "1000000"})]
-
-
-def wrk_p99(url, seconds):
-    """Requests per second and p99 latency of one wrk run."""
-    out = subprocess.run(["wrk", "-t", "2", "-c", str(CONNECTIONS), "-d", "%ds" % seconds, "--latency", url],
-                         capture_output=True, text=True, timeout=seconds + 30, check=True).stdout
-    if re.search(r"Non-2xx or 3xx responses|Socket errors", out):
-        raise RuntimeError("wrk saw errors: %s" % out)
-    return {"rps": float(re.search(r"Requests/sec:\s+([\d.]+)", out).group(1)),
-            "p99_us": bench_http.to_us(re.search(r"^\s*99%\s+(\S+)", out, re.M).group(1))}
-
-
-def worker_cpu_ns(master_pid):
-    """CPU time of the php-fpm workers so far, every thread (the reporter's too), in nanoseconds."""
-    total = 0
-    for pid in subprocess.run(["pgrep", "-P", str(master_pid)], capture_output=True, text=True).stdout.split():
-        try:
-            for task in os.listdir("/proc/%s/task" % pid):
-                with open("/proc/%s/task/%s/schedstat" % (pid, task)) as handle:
-                    total += int(handle.read().split()[0])
-        except (FileNotFoundError, ProcessLookupError):
-            pass
-    return total
 
 
 def main(argv):
@@ -101,11 +76,11 @@ def main(argv):
                     check = harness.curl(url)
                     if check.status != 200 or (check.header("X-Trace") is not None) != load:
                         raise RuntimeError("%s: status %d, X-Trace %s" % (name, check.status, check.header("X-Trace")))
-                    wrk_p99(url, 2)  # warm-up: workers, connections, caches
+                    bench_http.wrk(url, 2, CONNECTIONS)  # warm-up: workers, connections, caches
                     events = shop.collector.store.counts().get("events", 0)
-                    cpu = sum(worker_cpu_ns(s.processes[0].pid) for s in shop.servers)
-                    run = wrk_p99(url, SECONDS)
-                    run["cpu_us"] = (sum(worker_cpu_ns(s.processes[0].pid) for s in shop.servers) - cpu) / 1000.0 / \
+                    cpu = sum(bench_http.worker_cpu_ns(s.processes[0].pid) for s in shop.servers)
+                    run = bench_http.wrk(url, SECONDS, CONNECTIONS)
+                    run["cpu_us"] = (sum(bench_http.worker_cpu_ns(s.processes[0].pid) for s in shop.servers) - cpu) / 1000.0 / \
                         (run["rps"] * SECONDS)
                     run["events"] = shop.collector.store.counts().get("events", 0) - events
                     if name == "sampled" and run["events"] == 0:
@@ -136,11 +111,7 @@ def main(argv):
     for name in ("off", "unsampled", "sampled"):
         print("%-10s %8.0f req/s   p99 %8.1f us (medians)" % (name, statistics.median(r["rps"] for r in results[name]),
                                                             statistics.median(r["p99_us"] for r in results[name])))
-    for line in summary:
-        print(line)
-    if os.environ.get("BENCH_SUMMARY"):
-        with open(os.environ["BENCH_SUMMARY"], "a") as handle:
-            handle.write("".join(line + "\n" for line in summary))
+    bench_http.write_summary(summary)
     return 0
 
 
